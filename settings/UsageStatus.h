@@ -1,0 +1,26 @@
+// Per-user usage status of each kind of log, kept in "UserSettings.cfg".
+//
+// The kind is the settings section (the log file's name up to its first "_").
+// Keys: "Status" ("Active", "Disabled", "Hibernate") and "HibernateWakeDate"
+// (like "2006-Jan-05": the first day a hibernating kind is active again).
+#ifndef PORVANE_SETTINGS_USAGESTATUS_H
+#define PORVANE_SETTINGS_USAGESTATUS_H
+
+enum UsageStatus : unsigned {
+  kUsageActive = 0,
+  kUsageDisabled = 1,
+  kUsageHibernate = 2,
+};
+
+// Sets outStatus to the stored status of inSection, reactivating a
+// hibernation whose wake date is today or past (or missing, or not a date)
+// and writing "Active" for a kind seen the first time or holding an unknown
+// value. Always returns 0; outStatus is only written on those paths.
+int GetUsageStatus(const char* inSection, unsigned& outStatus);
+
+// Stores inStatus for inSection ("Disabled" for 1; "Hibernate" with a wake
+// date today + inDays for 2; "Active" otherwise) and rewrites the file.
+// Always returns 0.
+int SetUsageStatus(const char* inSection, unsigned inStatus, int inDays);
+
+#endif  // PORVANE_SETTINGS_USAGESTATUS_H

@@ -1,0 +1,44 @@
+#include "tests/support/TempDir.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir(const std::string& inTag) {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/" + inTag + "-XXXXXX";
+  std::vector<char> buffer(pattern.begin(), pattern.end());
+  buffer.push_back('\0');
+  if (mkdtemp(buffer.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + pattern);
+  mPath = buffer.data();
+}
+
+TempDir::~TempDir() {
+  // Tests make items read-only on purpose; give write permission back so the
+  // whole tree can go.
+  std::error_code ignored;
+  for (auto it = fs::recursive_directory_iterator(mPath, ignored); it != fs::recursive_directory_iterator();
+       it.increment(ignored)) {
+    fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add | fs::perm_options::nofollow, ignored);
+  }
+  fs::remove_all(mPath, ignored);
+}
+
+void WriteFile(const std::string& inPath, const std::string& inContent) {
+  std::ofstream out(inPath, std::ios::binary | std::ios::trunc);
+  if (!out) throw std::runtime_error("cannot write " + inPath);
+  out.write(inContent.data(), static_cast<std::streamsize>(inContent.size()));
+  if (!out) throw std::runtime_error("cannot write " + inPath);
+}
+
+std::string ReadFile(const std::string& inPath) {
+  std::ifstream in(inPath, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + inPath);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}

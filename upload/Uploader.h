@@ -1,0 +1,77 @@
+// One HTTP upload of one log file, and the reply that came back.
+//
+// Uploader owns the reply buffer and the two state flags; the transport lives
+// in a platform class (Uploader_Curl) that callers never name: they get one
+// from CreateUploader, call UploadFile once, read IsFinished and GetReply, and
+// delete it. One object serves one file. Not thread-safe: everything happens
+// on the thread that calls UploadFile.
+#ifndef PORVANE_UPLOAD_UPLOADER_H
+#define PORVANE_UPLOAD_UPLOADER_H
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+
+class Uploader {
+ public:
+  Uploader();
+  Uploader(const Uploader&) = delete;
+  Uploader& operator=(const Uploader&) = delete;
+
+  // Ends whatever connection the platform class holds; leaves the flags.
+  virtual void Close() = 0;
+  virtual ~Uploader();
+
+  // Posts the file at inFilePath to inUrl as a multipart body and blocks until
+  // the exchange ends. True when the request was sent and the exchange ran to
+  // its end (an error and a normal end alike, whatever the HTTP status); false
+  // when it could not be set up (empty or bad URL, unreadable file). On return
+  // IsFinished() is true in both cases.
+  virtual bool UploadFile(const std::string& inFilePath, const std::string& inUrl) = 0;
+
+  // Closes a transfer in progress, drops the reply and returns to idle. True.
+  bool Reset();
+
+  // True once an exchange has ended, by success or failure.
+  bool IsFinished() const { return m_finished; }
+
+  // The reply body once finished, else null; null too when no reply byte came.
+  // Valid until Reset() or destruction. Only the first chunk of a reply is
+  // dependable (see AppendReply).
+  const char* GetReply() const;
+
+  // Number of reply bytes counted so far (see AppendReply).
+  uint32_t GetReplyLength() const { return m_replyLength; }
+
+  // Hands the uploader the stop flag of the file being handled (may be null).
+  // While a transfer runs, a flag that becomes true ends it promptly, as an
+  // error would. REQUIRES: the flag outlives the uploader.
+  void SetStopFlag(const std::atomic<bool>* inStopRequested) { m_stopRequested = inStopRequested; }
+
+  // Appends received reply bytes. When they do not fit (capacity - length <
+  // inLength + 1) the array grows (16384 to start, doubling), the bytes are
+  // appended, the length advances and a terminator is written. When they fit,
+  // they are copied to position m_replyLength and the length stays: a later
+  // chunk is laid over the first one's tail. Replies are one short word, well
+  // within one chunk; this overlay is the kept behaviour.
+  void AppendReply(const uint8_t* inData, uint32_t inLength);
+
+ protected:
+  bool StopRequested() const { return m_stopRequested != nullptr && m_stopRequested->load(); }
+
+  std::map<std::string, std::string> m_values;  // kept; nothing fills it
+  uint8_t* m_replyData = nullptr;
+  uint32_t m_replyLength = 0;
+  uint32_t m_replyCapacity = 0;
+  bool m_finished = false;
+  bool m_inProgress = false;
+
+ private:
+  const std::atomic<bool>* m_stopRequested = nullptr;
+};
+
+// A new platform uploader, owned by the caller (delete through Uploader).
+Uploader* CreateUploader();
+
+#endif  // PORVANE_UPLOAD_UPLOADER_H
