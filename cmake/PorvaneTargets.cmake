@@ -13,11 +13,13 @@ function(porvane_component name)
   set(PORVANE_COMPONENTS ${PORVANE_COMPONENTS} ${name} CACHE INTERNAL "")
 endfunction()
 
-# porvane_test(NAME SOURCES ... [LINK libs...] [LABELS ...])
+# porvane_test(NAME SOURCES ... [LINK libs...] [LABELS ...] [RESOURCE_LOCK name])
 # A GoogleTest executable registered with CTest, one CTest entry per test.
-# LINK names the components (object libraries) and libraries it needs.
+# LINK names the components (object libraries) and libraries it needs;
+# RESOURCE_LOCK keeps its tests from running beside others holding the same
+# machine-wide resource (the agent's lock) under ctest -j.
 function(porvane_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LINK;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "" "RESOURCE_LOCK" "SOURCES;LINK;LABELS" ${ARGN})
   if(NOT PORVANE_TESTS)
     return()
   endif()
@@ -28,8 +30,16 @@ function(porvane_test name)
   target_compile_definitions(${name} PRIVATE
     PORVANE_BINARY_DIR="${CMAKE_BINARY_DIR}"
     PORVANE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  # An empty value would shift the property pairs: pass only those given.
+  set(properties TIMEOUT 300)
+  if(ARG_LABELS)
+    list(APPEND properties LABELS "${ARG_LABELS}")
+  endif()
+  if(ARG_RESOURCE_LOCK)
+    list(APPEND properties RESOURCE_LOCK "${ARG_RESOURCE_LOCK}")
+  endif()
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
     WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
-    PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT 300)
+    PROPERTIES ${properties})
 endfunction()

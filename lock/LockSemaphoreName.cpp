@@ -1,0 +1,17 @@
+#include "lock/LockSemaphoreName.h"
+
+#include <algorithm>
+
+#include "source/MD5Hash.h"
+
+namespace qvd {
+
+std::string LockSemaphoreName(const std::string& inLockName) {
+  // The base64 text may hold "/", which a semaphore name may only have in
+  // front; "_" is not in the base64 alphabet, so no two names collide.
+  std::string sHash = MD5Hash(inLockName);
+  std::replace(sHash.begin(), sHash.end(), '/', '_');
+  return "/" + sHash;
+}
+
+}  // namespace qvd

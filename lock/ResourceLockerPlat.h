@@ -1,0 +1,43 @@
+// The POSIX half of qvd::ResourceLocker: the semaphore calls, made through
+// the C library bridge.
+#ifndef PORVANE_LOCK_RESOURCELOCKERPLAT_H
+#define PORVANE_LOCK_RESOURCELOCKERPLAT_H
+
+#include <semaphore.h>
+
+#include <cstdint>
+#include <string>
+
+#include "lock/ResourceLocker.h"
+#include "source/posix/oru/ORUSysAccessor.h"
+
+namespace qvd {
+
+// Holds the semaphore handle while the lock is held; SEM_FAILED means free.
+// That handle is the whole state. Operations behave as documented on
+// ResourceLocker.
+class ResourceLocker::ResourceLockerPlat {
+ public:
+  // Builds the process-wide bridge on first use (may throw, see
+  // ResourceLocker).
+  ResourceLockerPlat(const std::string& inName, uint32_t inTimeoutMs);
+  // Calls unlock(false) when held.
+  virtual ~ResourceLockerPlat();
+
+  ResourceLockerPlat(const ResourceLockerPlat&) = delete;
+  ResourceLockerPlat& operator=(const ResourceLockerPlat&) = delete;
+
+  bool lock();
+  bool unlock(bool inForce);
+  bool isLocked() const { return mSemaphore != SEM_FAILED; }
+
+ private:
+  GlobalORUSysAccessor& mSysAccessor;
+  sem_t* mSemaphore;
+  std::string mName;  // as given, not hashed
+  uint32_t mTimeoutMs;
+};
+
+}  // namespace qvd
+
+#endif  // PORVANE_LOCK_RESOURCELOCKERPLAT_H

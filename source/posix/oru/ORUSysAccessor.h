@@ -1,0 +1,81 @@
+// The C library functions the component library calls through pointers
+// resolved at run time, and the one process-wide table of them.
+#ifndef PORVANE_SOURCE_POSIX_ORU_ORUSYSACCESSOR_H
+#define PORVANE_SOURCE_POSIX_ORU_ORUSYSACCESSOR_H
+
+#include <semaphore.h>
+#include <sys/types.h>
+
+#include <cstddef>
+
+#include "source/posix/oru/ORUFrameworkBundle.h"
+
+namespace qvd {
+
+// The table's entries, in table order.
+enum ORUSysFunction {
+  kORUSystem, kORUGetenv, kORUSetenv, kORUUnsetenv, kORUSocket, kORUIoctl,
+  kORUGetprotobyname, kORUPopen, kORUPclose, kORUFread, kORUFseek, kORUFtell,
+  kORUFtok, kORUSemget, kORUSemop, kORUSignal, kORUUalarm, kORUSemOpen,
+  kORUSemClose, kORUSemUnlink, kORUNice, kORUAccess,
+  kORUSysFunctionCount
+};
+
+// The C names of the entries, indexed by ORUSysFunction.
+extern const char* const kORUSysFunctionNames[kORUSysFunctionCount];
+
+// The shared library the table is resolved from.
+extern const char* const kORUSystemLibrary;  // "libc.so.6"
+
+// Looks up inCount function names of inBundle, in order, and stores them in
+// outSlots[0..inCount). All or nothing: the first name the library does not
+// export throws std::runtime_error("missing symbol") and outSlots is left as
+// it was.
+void ResolveFunctionTable(const ORUFrameworkBundle& inBundle, const char* const* inNames, size_t inCount,
+                          void** outSlots);
+
+// Loads the C library and resolves the whole table; a table that cannot be
+// resolved completely is no table ("missing symbol", or "unable to load
+// bundle" from the load). The forwarding calls take the C function's
+// arguments and return its result unchanged, errno included: nothing is
+// translated. Not copyable (it owns the loaded library).
+class ORUSysAccessor {
+ public:
+  ORUSysAccessor();
+  virtual ~ORUSysAccessor();
+
+  ORUSysAccessor(const ORUSysAccessor&) = delete;
+  ORUSysAccessor& operator=(const ORUSysAccessor&) = delete;
+
+  char* getenv(const char* inName) const;
+  int ioctl(int inFd, unsigned long inRequest, void* inArgument) const;
+  // The semaphore handle, or SEM_FAILED with errno set.
+  sem_t* sem_open(const char* inName, int inOpenFlags, mode_t inMode, unsigned inValue) const;
+  int sem_close(sem_t* inSemaphore) const;
+  int sem_unlink(const char* inName) const;
+
+ private:
+  template <typename Function>
+  Function entry(ORUSysFunction inWhich) const {
+    return reinterpret_cast<Function>(mFunctions[inWhich]);
+  }
+
+  ORUFrameworkBundle mBundle;
+  void* mFunctions[kORUSysFunctionCount];  // written once, in the constructor
+};
+
+// The one table of the process. Built by the first call of instance(); if
+// that build throws, the exception reaches that caller and the next call
+// builds again. Destroyed at exit, after main has returned.
+class GlobalORUSysAccessor : public ORUSysAccessor {
+ public:
+  // Thread-safe: the language's guard for local statics serialises the build.
+  static GlobalORUSysAccessor& instance();
+
+ private:
+  GlobalORUSysAccessor() = default;
+};
+
+}  // namespace qvd
+
+#endif  // PORVANE_SOURCE_POSIX_ORU_ORUSYSACCESSOR_H
