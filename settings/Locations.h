@@ -34,7 +34,10 @@ int GetMaxTotalDirSize(std::string& outValue);
 
 // The user settings file ($XDG_DATA_HOME/Tarvo/Porvane/UserSettings.cfg) and
 // the default log folder ($XDG_STATE_HOME/Logs/Tarvo/Porvane), creating their
-// folders. Returns 0, 4, 5 or 8. Deliberately a failure with the log folder
+// folders. Returns 0, 4, 5 or 8. The base folders are made as part of each
+// chain, so 4 means a base folder cannot even be named (no XDG variable, HOME
+// or password entry); one that cannot be made gives 8 (Library) or 5
+// (application support). Deliberately a failure with the log folder
 // is masked when the settings folder is found (0 with outLogFolder
 // untouched), and a failed settings look-up keeps the log folder's status.
 int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder);

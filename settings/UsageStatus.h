@@ -20,7 +20,8 @@ int GetUsageStatus(const char* inSection, unsigned& outStatus);
 
 // Stores inStatus for inSection ("Disabled" for 1; "Hibernate" with a wake
 // date today + inDays for 2; "Active" otherwise) and rewrites the file.
-// Always returns 0.
+// A wake date outside the calendar's years 1400 to 9999 is held at the
+// nearest end of that range. Always returns 0.
 int SetUsageStatus(const char* inSection, unsigned inStatus, int inDays);
 
 #endif  // PORVANE_SETTINGS_USAGESTATUS_H

@@ -1,0 +1,156 @@
+#include "source/FileSystemUtils.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "include/Assert.h"
+
+namespace FileSystemUtils {
+
+namespace {
+
+// Owns a directory stream (and the descriptor under it).
+class ScopedDir {
+ public:
+  explicit ScopedDir(DIR* inDir) : mDir(inDir) {}
+  ~ScopedDir() {
+    if (mDir != nullptr) ::closedir(mDir);
+  }
+  ScopedDir(const ScopedDir&) = delete;
+  ScopedDir& operator=(const ScopedDir&) = delete;
+  DIR* Get() const { return mDir; }
+
+ private:
+  DIR* mDir;
+};
+
+bool RemoveEntry(int inParentFd, const char* inName);
+
+// The names in inDir, "." and ".." left out. Taking the whole list before
+// deleting keeps the walk independent of how the folder stream copes with
+// entries vanishing under it. False on a read error.
+bool ListFolder(DIR* inDir, std::vector<std::string>& outNames) {
+  for (;;) {
+    errno = 0;
+    const dirent* entry = ::readdir(inDir);
+    if (entry == nullptr) return errno == 0;
+    if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
+    outNames.emplace_back(entry->d_name);
+  }
+}
+
+// Empties and removes the folder inName of inParentFd. A folder without
+// owner read, write or search permission gets them first, so that read-only
+// trees go as a whole; the first failure stops the walk.
+bool RemoveFolder(int inParentFd, const char* inName, mode_t inMode) {
+  if ((inMode & S_IRWXU) != S_IRWXU) ::fchmodat(inParentFd, inName, (inMode & 07777) | S_IRWXU, 0);
+  const int folderFd = ::openat(inParentFd, inName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (folderFd < 0) return false;
+  ScopedDir folder(::fdopendir(folderFd));
+  if (folder.Get() == nullptr) {
+    ::close(folderFd);
+    return false;
+  }
+  std::vector<std::string> names;
+  if (!ListFolder(folder.Get(), names)) return false;
+  for (const std::string& name : names) {
+    if (!RemoveEntry(::dirfd(folder.Get()), name.c_str())) return false;
+  }
+  return ::unlinkat(inParentFd, inName, AT_REMOVEDIR) == 0;
+}
+
+// Removes inName of inParentFd whatever it is; links are removed, never
+// followed.
+bool RemoveEntry(int inParentFd, const char* inName) {
+  struct stat info;
+  if (::fstatat(inParentFd, inName, &info, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
+  if (S_ISDIR(info.st_mode)) return RemoveFolder(inParentFd, inName, info.st_mode);
+  return ::unlinkat(inParentFd, inName, 0) == 0;
+}
+
+// Whether the effective user may write the file by its mode bits alone.
+// Deliberately no exception for the superuser: a file made read-only stays
+// even for root, as the agent has always treated it.
+bool ModeAllowsWrite(const struct stat& inInfo) {
+  if (inInfo.st_uid == ::geteuid()) return (inInfo.st_mode & S_IWUSR) != 0;
+  if (inInfo.st_gid == ::getegid()) return (inInfo.st_mode & S_IWGRP) != 0;
+  return (inInfo.st_mode & S_IWOTH) != 0;
+}
+
+}  // namespace
+
+const std::string& GetPathSeparator() {
+  static const std::string kSeparator = "/";
+  return kSeparator;
+}
+
+char GetPathSeparatorChar() { return '/'; }
+
+std::string GetParentPath(const std::string& inPath) {
+  const size_t pos = inPath.rfind('/');
+  if (pos == std::string::npos) return std::string();
+  if (pos == 0) return "/";
+  return inPath.substr(0, pos);
+}
+
+std::string GetLeafName(const std::string& inPath) {
+  const size_t pos = inPath.rfind('/');
+  if (pos == std::string::npos) return inPath;
+  return inPath.substr(pos + 1);
+}
+
+std::string AppendPath(const std::string& sPath, const std::string& sAppend) {
+  QVD_ASSERT(!sPath.empty());
+  QVD_ASSERT(!sAppend.empty());
+  const size_t skip = sAppend[0] == '/' ? 1 : 0;
+  std::string sResult = sPath;
+  if (sResult.back() != '/') sResult += '/';
+  sResult.append(sAppend, skip, std::string::npos);
+  return sResult;
+}
+
+bool PathExists(const std::string& inPath) {
+  struct stat info;
+  return ::stat(inPath.c_str(), &info) == 0;
+}
+
+bool RemovePath(const std::string& inPath) {
+  struct stat info;
+  // Nothing there (not even a dangling link) means there is nothing to do.
+  if (::lstat(inPath.c_str(), &info) != 0) return true;
+  if (S_ISDIR(info.st_mode)) return RemoveFolder(AT_FDCWD, inPath.c_str(), info.st_mode);
+
+  // The mode check uses the object a link points to; a dangling link has no
+  // mode to honour and is simply removed.
+  struct stat target;
+  if (::stat(inPath.c_str(), &target) == 0 && !ModeAllowsWrite(target)) return false;
+  return std::remove(inPath.c_str()) == 0;
+}
+
+bool CreateDirectoryChain(const std::string& sDir) {
+  const std::string parentPath = GetParentPath(sDir);
+  QVD_ASSERT(parentPath != sDir);
+  if (!PathExists(parentPath) && !CreateDirectoryChain(parentPath)) return false;
+
+  struct stat parentInfo;
+  if (::stat(parentPath.c_str(), &parentInfo) != 0) return false;
+
+  if (::mkdir(sDir.c_str(), 0700) != 0) return errno == EEXIST;
+  // A new folder is made like its parent: same mode (not filtered by the
+  // umask), same owner and group, so folders made for another user's files
+  // stay that user's.
+  ::chmod(sDir.c_str(), parentInfo.st_mode & 07777);
+  // Only the superuser may give a folder away; for anyone else the folder
+  // simply stays theirs, which is no failure.
+  static_cast<void>(::chown(sDir.c_str(), parentInfo.st_uid, parentInfo.st_gid) == 0);
+  return true;
+}
+
+}  // namespace FileSystemUtils
