@@ -14,7 +14,7 @@
 
 #include "source/FileSystemUtils.h"
 #include "source/posix/testdata/ChildRun.h"
-#include "source/posix/testdata/ScopedEnvironment.h"
+#include "tests/support/ScopedEnvironment.h"
 #include "tests/support/TempDir.h"
 
 extern char** environ;

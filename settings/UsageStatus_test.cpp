@@ -9,7 +9,7 @@
 #include <boost/date_time/gregorian/gregorian.hpp>
 
 #include "source/FileSystemUtils.h"
-#include "source/posix/testdata/ScopedEnvironment.h"
+#include "tests/support/ScopedEnvironment.h"
 #include "tests/support/TempDir.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "source/FileSystemUtils.h"
-#include "source/posix/testdata/ScopedEnvironment.h"
+#include "tests/support/ScopedEnvironment.h"
 #include "tests/support/TempDir.h"
 
 namespace {

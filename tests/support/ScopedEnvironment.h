@@ -1,6 +1,6 @@
 // Test helper: environment variables changed for the length of one scope.
-#ifndef PORVANE_SOURCE_POSIX_TESTDATA_SCOPEDENVIRONMENT_H
-#define PORVANE_SOURCE_POSIX_TESTDATA_SCOPEDENVIRONMENT_H
+#ifndef PORVANE_TESTS_SUPPORT_SCOPEDENVIRONMENT_H
+#define PORVANE_TESTS_SUPPORT_SCOPEDENVIRONMENT_H
 
 #include <cstdlib>
 #include <map>
@@ -43,4 +43,19 @@ class ScopedEnvironment {
   std::map<std::string, std::optional<std::string>> mSaved;
 };
 
-#endif  // PORVANE_SOURCE_POSIX_TESTDATA_SCOPEDENVIRONMENT_H
+// One variable set (or unset, with std::nullopt) for the length of a scope.
+class ScopedEnvironmentVariable {
+ public:
+  ScopedEnvironmentVariable(const std::string& inName, const std::optional<std::string>& inValue) {
+    if (inValue) {
+      mEnvironment.Set(inName, *inValue);
+    } else {
+      mEnvironment.Unset(inName);
+    }
+  }
+
+ private:
+  ScopedEnvironment mEnvironment;
+};
+
+#endif  // PORVANE_TESTS_SUPPORT_SCOPEDENVIRONMENT_H

@@ -1,0 +1,200 @@
+#include "source/posix/LoginWindowPList.h"
+
+#include <plist/plist.h>
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "include/Assert.h"
+#include "source/FileSystemUtils.h"
+#include "source/Utf8Text.h"
+#include "source/posix/FolderFinder.h"
+
+namespace {
+
+const int kPreferencesFolderId = 5;
+const char kFileName[] = "loginwindow.plist";
+const char kItemsKey[] = "AutoLaunchedApplicationDictionary";
+const char kPathKey[] = "Path";
+const char kHideKey[] = "Hide";
+
+struct PlistFree {
+  void operator()(plist_t inNode) const { plist_free(inNode); }
+};
+// Owns a whole property-list tree (plist_t is a plain pointer).
+using PlistOwner = std::unique_ptr<void, PlistFree>;
+
+struct XmlFree {
+  void operator()(char* inXml) const { plist_to_xml_free(inXml); }
+};
+// Owns the text that plist_to_xml allocates.
+using XmlOwner = std::unique_ptr<char, XmlFree>;
+
+struct FileClose {
+  void operator()(std::FILE* inFile) const { std::fclose(inFile); }
+};
+using FileOwner = std::unique_ptr<std::FILE, FileClose>;
+
+enum class EditResult { kFailed, kUnchanged, kChanged };
+
+// Reads the whole file into outBuffer: its size from a seek to the end, then
+// that many bytes. Only a regular file qualifies; a folder would "open".
+bool ReadWholeFile(const std::string& inPath, std::vector<char>& outBuffer) {
+  FileOwner file(std::fopen(inPath.c_str(), "rbe"));  // "e": close-on-exec
+  if (!file) return false;
+  struct stat info;
+  if (::fstat(fileno(file.get()), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+  if (std::fseek(file.get(), 0, SEEK_END) != 0) return false;
+  const long size = std::ftell(file.get());
+  if (size < 0 || std::fseek(file.get(), 0, SEEK_SET) != 0) return false;
+  outBuffer.assign(static_cast<std::size_t>(size), '\0');
+  return std::fread(outBuffer.data(), 1, outBuffer.size(), file.get()) == outBuffer.size();
+}
+
+// Truncates the file and writes inBuffer; true only when every byte reached
+// the file (fclose reports a failed final flush).
+bool WriteWholeFile(const std::string& inPath, const std::vector<char>& inBuffer) {
+  std::FILE* file = std::fopen(inPath.c_str(), "wbe");
+  if (file == nullptr) return false;
+  const bool written = std::fwrite(inBuffer.data(), 1, inBuffer.size(), file) == inBuffer.size();
+  const bool closed = std::fclose(file) == 0;
+  return written && closed;
+}
+
+// A new item dictionary; keys in the order the platform's serialiser sorts them.
+plist_t NewItem(const std::string& inAppPath) {
+  plist_t item = plist_new_dict();
+  plist_dict_set_item(item, kHideKey, plist_new_bool(0));
+  plist_dict_set_item(item, kPathKey, plist_new_string(inAppPath.c_str()));
+  return item;
+}
+
+bool ItemHasPath(plist_t inItem, const std::string& inAppPath) {
+  if (plist_get_node_type(inItem) != PLIST_DICT) return false;
+  plist_t path = plist_dict_get_item(inItem, kPathKey);
+  if (path == nullptr || plist_get_node_type(path) != PLIST_STRING) return false;
+  const char* text = plist_get_string_ptr(path, nullptr);
+  return text != nullptr && inAppPath == text;
+}
+
+// Index of the first item whose "Path" is inAppPath, or -1.
+long FindItem(plist_t inArray, const std::string& inAppPath) {
+  const uint32_t count = plist_array_get_size(inArray);
+  for (uint32_t i = 0; i < count; ++i) {
+    if (ItemHasPath(plist_array_get_item(inArray, i), inAppPath)) return static_cast<long>(i);
+  }
+  return -1;
+}
+
+EditResult AddToRoot(plist_t ioRoot, const std::string& inAppPath) {
+  plist_t items = plist_dict_get_item(ioRoot, kItemsKey);
+  if (items == nullptr) {
+    plist_t array = plist_new_array();
+    plist_array_append_item(array, NewItem(inAppPath));
+    plist_dict_set_item(ioRoot, kItemsKey, array);
+    return EditResult::kChanged;
+  }
+  if (plist_get_node_type(items) != PLIST_ARRAY) {
+    // Adding a key never replaces one that is there: the other value stays,
+    // yet the file is rewritten as for any add that found no item.
+    return EditResult::kChanged;
+  }
+  if (FindItem(items, inAppPath) >= 0) return EditResult::kUnchanged;
+  plist_array_append_item(items, NewItem(inAppPath));
+  return EditResult::kChanged;
+}
+
+EditResult RemoveFromRoot(plist_t ioRoot, const std::string& inAppPath) {
+  plist_t items = plist_dict_get_item(ioRoot, kItemsKey);
+  if (items == nullptr || plist_get_node_type(items) != PLIST_ARRAY) return EditResult::kUnchanged;
+  long index = FindItem(items, inAppPath);
+  if (index < 0) return EditResult::kUnchanged;
+  // Search again after every removal so that duplicates go too.
+  for (; index >= 0; index = FindItem(items, inAppPath)) {
+    plist_array_remove_item(items, static_cast<uint32_t>(index));
+  }
+  if (plist_array_get_size(items) == 0) plist_dict_remove_item(ioRoot, kItemsKey);
+  return EditResult::kChanged;
+}
+
+// Replaces the buffer with the XML of the root. A root without keys becomes
+// an empty buffer, so the file is rewritten with 0 bytes rather than as an
+// empty property list; readers of this file take both as "no items". If the
+// serialiser fails the buffer keeps its old content.
+void Serialise(plist_t cfDictRef, std::vector<char>& ioBuffer) {
+  QVD_ASSERT(NULL != cfDictRef);
+  if (plist_dict_get_size(cfDictRef) == 0) {
+    ioBuffer.clear();
+    return;
+  }
+  char* xml = nullptr;
+  uint32_t length = 0;
+  plist_to_xml(cfDictRef, &xml, &length);
+  XmlOwner owner(xml);
+  if (!owner) return;
+  ioBuffer.assign(xml, xml + length);
+}
+
+// Parses the buffer into a root dictionary; null when it is not an XML
+// property list with a dictionary at its root.
+PlistOwner ParseRoot(const std::vector<char>& inBuffer) {
+  if (inBuffer.size() > UINT32_MAX) return PlistOwner();
+  plist_t root = nullptr;
+  plist_from_xml(inBuffer.data(), static_cast<uint32_t>(inBuffer.size()), &root);
+  PlistOwner owner(root);
+  if (owner && plist_get_node_type(root) != PLIST_DICT) owner.reset();
+  return owner;
+}
+
+EditResult EditLoginItems(std::vector<char>& ioBuffer, const std::string& inAppPath, bool inRemove) {
+  // The path becomes a Unicode string node; bytes that are not UTF-8, or a
+  // NUL that would cut the C string short, cannot be one.
+  if (!IsValidUtf8(inAppPath) || inAppPath.find('\0') != std::string::npos) return EditResult::kFailed;
+  PlistOwner root;
+  bool changed = false;
+  if (ioBuffer.empty()) {
+    if (inRemove) return EditResult::kUnchanged;
+    root.reset(plist_new_dict());
+    changed = true;
+  } else {
+    root = ParseRoot(ioBuffer);
+    if (!root) return EditResult::kFailed;
+  }
+  const EditResult edit = inRemove ? RemoveFromRoot(root.get(), inAppPath) : AddToRoot(root.get(), inAppPath);
+  if (edit == EditResult::kChanged) changed = true;
+  if (!changed) return EditResult::kUnchanged;
+  Serialise(root.get(), ioBuffer);
+  return EditResult::kChanged;
+}
+
+// The routine behind both operations; inRemove selects removal.
+bool UpdateLoginItems(const std::string& inAppPath, bool inRemove) {
+  std::string sFolder;
+  if (!FindSpecialFolder(kPreferencesFolderId, sFolder, true)) return false;
+  const std::string sPath = FileSystemUtils::AppendPath(sFolder, kFileName);
+  std::vector<char> buffer;
+  if (FileSystemUtils::PathExists(sPath)) {
+    if (!ReadWholeFile(sPath, buffer)) return false;
+  } else if (inRemove) {
+    return true;  // nothing to remove from
+  }
+  switch (EditLoginItems(buffer, inAppPath, inRemove)) {
+    case EditResult::kFailed:
+      return false;
+    case EditResult::kUnchanged:
+      return true;
+    case EditResult::kChanged:
+      break;
+  }
+  return WriteWholeFile(sPath, buffer);
+}
+
+}  // namespace
+
+bool AddLoginItem(const std::string& inAppPath) { return UpdateLoginItems(inAppPath, false); }
+
+bool RemoveLoginItem(const std::string& inAppPath) { return UpdateLoginItems(inAppPath, true); }

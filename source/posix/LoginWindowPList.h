@@ -1,0 +1,37 @@
+// The current user's login items: the applications started at log-in.
+//
+// The list lives in "loginwindow.plist" in the user's preferences folder
+// ($XDG_CONFIG_HOME, else ~/.config; created when missing), an XML property
+// list whose root dictionary holds the array "AutoLaunchedApplicationDictionary".
+// Each element is a dictionary for one item with at least "Path" (the
+// application's full path) and "Hide" (a boolean; items made here get false).
+// Other keys of the root and of the items are kept as they are.
+//
+// Paths are compared exactly: byte for byte, case included, nothing
+// normalised. The file is read whole and written back whole only when the
+// list changed; a failure leaves it as it was. There is no locking: two
+// writers at once can lose each other's change.
+#ifndef PORVANE_SOURCE_POSIX_LOGINWINDOWPLIST_H
+#define PORVANE_SOURCE_POSIX_LOGINWINDOWPLIST_H
+
+#include <string>
+
+// Makes sure an item with inAppPath is in the list, appending one
+// {"Hide" = false, "Path" = inAppPath} when none is. With no file (or an
+// empty one) a new root dictionary is started. A root that holds the key
+// with a value that is not an array is left as it is, but the file is still
+// rewritten.
+// Returns true on success, including "already listed" (the file is then not
+// touched); false when the preferences folder cannot be found or made, the
+// file cannot be read or written, it is not an XML property list with a
+// dictionary at its root, or inAppPath is not valid UTF-8 or holds a NUL byte.
+bool AddLoginItem(const std::string& inAppPath);
+
+// Removes every item whose "Path" is inAppPath. When the list becomes empty
+// the key goes too, and when that leaves the root with no key at all the file
+// is rewritten as an empty file of 0 bytes (not as an empty property list).
+// Returns true on success, including a missing file or an unlisted path (no
+// write); false in the failure cases of AddLoginItem.
+bool RemoveLoginItem(const std::string& inAppPath);
+
+#endif  // PORVANE_SOURCE_POSIX_LOGINWINDOWPLIST_H

@@ -1,0 +1,262 @@
+#include "source/posix/SystemUtilsPosix.h"
+
+#include <fcntl.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+#include <memory>
+
+#include "include/Assert.h"
+#include "include/FormatString.h"
+#include "source/FileSystemUtils.h"
+#include "source/MD5Hash.h"
+#include "source/Utf8Text.h"
+#include "source/posix/DetachedProcess.h"
+#include "source/posix/FolderFinder.h"
+#include "source/posix/LoginWindowPList.h"
+
+namespace {
+
+const int kStartupItemsFolderId = 0;
+
+// True when system() ran the command and it exited with status 0.
+bool RunShell(const std::string& inCommand) {
+  const int status = std::system(inCommand.c_str());
+  return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool IsUsableURL(const std::string& inURL) {
+  if (inURL.empty() || inURL[0] == '-' || !IsValidUtf8(inURL)) return false;
+  for (char c : inURL) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (byte <= 0x20 || byte == 0x7F) return false;
+  }
+  return true;
+}
+
+// The marker's file name: the lowercase hexadecimal MD5 of the name, keeping
+// only "0".."9" and "A".."z" (ASCII order, so a few punctuation marks pass
+// too). Hexadecimal digits always pass; the filter guards the file name
+// should the digest text ever change form.
+std::string MarkerFileName(const std::string& inString) {
+  QVD_ASSERT(!inString.empty());
+  MD5Digest digest;
+  digest.update(inString.begin(), inString.end());
+  std::vector<uint8_t> bytes;
+  std::string sHex;
+  digest.finish(std::back_inserter(bytes), sHex);
+  std::string sName;
+  for (char c : sHex) {
+    if ((c >= '0' && c <= '9') || (c >= 'A' && c <= 'z')) sName += c;
+  }
+  return sName;
+}
+
+// The marker's path for inName, creating its folder chain when missing;
+// false when the folder cannot be found or made.
+bool GetRestartMarkerPath(const std::string& inName, std::string& outPath) {
+  const std::string sName = MarkerFileName(inName);
+  std::string sFolder;
+  if (!FindSpecialFolder(kStartupItemsFolderId, sFolder, true)) return false;
+  sFolder = FileSystemUtils::AppendPath(sFolder, "Tarvo");
+  sFolder = FileSystemUtils::AppendPath(sFolder, "Kestrane");
+  sFolder = FileSystemUtils::AppendPath(sFolder, "RebootCheck");
+  if (!FileSystemUtils::PathExists(sFolder) && !FileSystemUtils::CreateDirectoryChain(sFolder)) return false;
+  outPath = FileSystemUtils::AppendPath(sFolder, sName);
+  return true;
+}
+
+// Owners for the sd-bus handles of RequestRestart.
+struct BusClose {
+  void operator()(sd_bus* inBus) const { sd_bus_flush_close_unref(inBus); }
+};
+struct MessageUnref {
+  void operator()(sd_bus_message* inMessage) const { sd_bus_message_unref(inMessage); }
+};
+using BusOwner = std::unique_ptr<sd_bus, BusClose>;
+using MessageOwner = std::unique_ptr<sd_bus_message, MessageUnref>;
+
+class BusError {
+ public:
+  BusError() = default;
+  ~BusError() { sd_bus_error_free(&mError); }
+  BusError(const BusError&) = delete;
+  BusError& operator=(const BusError&) = delete;
+  sd_bus_error* Get() { return &mError; }
+
+ private:
+  sd_bus_error mError = SD_BUS_ERROR_NULL;
+};
+
+// Builds Reboot(interactive = true) for logind; a negative errno on failure.
+int NewRebootCall(sd_bus* inBus, MessageOwner& outMessage) {
+  sd_bus_message* message = nullptr;
+  int result = sd_bus_message_new_method_call(inBus, &message, "org.freedesktop.login1", "/org/freedesktop/login1",
+                                              "org.freedesktop.login1.Manager", "Reboot");
+  outMessage.reset(message);
+  if (result < 0) return result;
+  // Interactive: polkit may ask the user to confirm, as the desktop's own
+  // restart does.
+  result = sd_bus_message_set_allow_interactive_authorization(message, 1);
+  if (result < 0) return result;
+  return sd_bus_message_append(message, "b", 1);
+}
+
+}  // namespace
+
+std::string GetPlatformName() { return "Linux"; }
+
+bool GetPlatformShortName(std::string& outName) {
+  outName = "linux";
+  return true;
+}
+
+bool SetEnvironmentVariable(const std::string& inName, const std::string& inValue) {
+  return ::setenv(inName.c_str(), inValue.c_str(), 1) == 0;
+}
+
+bool GetEnvironmentVariable(const std::string& inName, std::string& outValue) {
+  const char* value = std::getenv(inName.c_str());
+  if (value == nullptr) return false;
+  outValue = value;
+  return true;
+}
+
+bool OpenURL(const std::string& inURL) {
+  if (!IsUsableURL(inURL)) return false;
+  return StartDetached({"xdg-open", inURL}, true);
+}
+
+bool AddToLoginItems(const std::string& inAppPath, const std::vector<std::string>& inParams, bool inAllUsers) {
+  QVD_ASSERT(inParams.empty());
+  QVD_ASSERT(false == inAllUsers);
+  return AddLoginItem(inAppPath);
+}
+
+bool RemoveFromLoginItems(const std::string& inAppPath, bool inAllUsers) {
+  if (inAllUsers) return false;
+  if (!RemoveLoginItem(inAppPath)) return false;
+  // An application that is no longer a login item has no restart pending.
+  std::string sMarker;
+  if (!GetRestartMarkerPath(inAppPath, sMarker)) return false;
+  if (!FileSystemUtils::PathExists(sMarker)) return true;
+  return FileSystemUtils::RemovePath(sMarker);
+}
+
+bool LaunchApplication(const std::string& inPath, const EnvironmentPairs& inEnvironment) {
+  for (const auto& pair : inEnvironment) ::setenv(pair.first.c_str(), pair.second.c_str(), 1);
+  if (!FileSystemUtils::PathExists(inPath)) return RunShell(inPath);
+  if (StartDetached({inPath}, false)) return true;
+  // The program could not be executed directly (no permission, no "#!"
+  // line, a folder): leave it to the shell, in the background.
+  if (!FileSystemUtils::PathExists(inPath)) return false;
+  return RunShell(BuildShellLaunchCommand(inPath));
+}
+
+std::string BuildShellLaunchCommand(const std::string& inPath) {
+  std::string sCommand = inPath;
+  // The bound is the original length on purpose; see the header.
+  const std::size_t length = inPath.size();
+  for (std::size_t i = 0; i < length; ++i) {
+    if (sCommand[i] == '\'') {
+      sCommand.insert(i, "'\\'");
+      i += 3;  // past the insertion; the loop steps past the quote
+    }
+  }
+  return "'" + sCommand + "' &";
+}
+
+bool RequestRestart() {
+  sd_bus* bus = nullptr;
+  int result = sd_bus_open_system(&bus);
+  BusOwner busOwner(bus);
+  if (result < 0) {
+    std::fprintf(stderr, "Error in AECreateDesc: %d\n", result);
+    return false;
+  }
+  MessageOwner call;
+  result = NewRebootCall(bus, call);
+  if (result < 0) {
+    std::fprintf(stderr, "Error in AECreateAppleEvent: %d\n", result);
+    return false;
+  }
+  BusError error;
+  sd_bus_message* reply = nullptr;
+  result = sd_bus_call(bus, call.get(), 0, error.Get(), &reply);
+  MessageOwner replyOwner(reply);
+  if (result < 0) {
+    std::fprintf(stderr, "Error sending reboot to LoginWindow: %d\n", result);
+    return false;
+  }
+  return true;
+}
+
+bool SetRestartMarker(const std::string& inName) {
+  std::string sPath;
+  if (!GetRestartMarkerPath(inName, sPath)) return false;
+  if (FileSystemUtils::PathExists(sPath)) return true;
+  const int fd = ::open(sPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0) return false;
+  ::close(fd);
+  return true;
+}
+
+bool HasRestartedSinceMarker(const std::string& inName) {
+  std::string sPath;
+  if (!GetRestartMarkerPath(inName, sPath)) return true;
+  return !FileSystemUtils::PathExists(sPath);
+}
+
+bool SetRestartMarker() {
+  std::string sBundle;
+  if (!GetMainBundlePath(sBundle)) return false;
+  return SetRestartMarker(sBundle);
+}
+
+bool HasRestartedSinceMarker() {
+  std::string sBundle;
+  if (!GetMainBundlePath(sBundle)) return false;
+  return HasRestartedSinceMarker(sBundle);
+}
+
+std::string GetSystemVersionString() {
+  struct utsname names;
+  if (::uname(&names) != 0) return std::string();
+  return FormatKernelRelease(names.release);
+}
+
+std::string FormatKernelRelease(const std::string& inRelease) {
+  unsigned long numbers[3] = {0, 0, 0};
+  const char* cursor = inRelease.data();
+  const char* const end = cursor + inRelease.size();
+  for (int i = 0; i < 3; ++i) {
+    if (i > 0) {
+      // Another number follows only after a dot that is followed by a digit.
+      if (end - cursor < 2 || cursor[0] != '.' || cursor[1] < '0' || cursor[1] > '9') break;
+      ++cursor;
+    }
+    const std::from_chars_result parsed = std::from_chars(cursor, end, numbers[i]);
+    if (parsed.ec != std::errc()) return std::string();
+    cursor = parsed.ptr;
+  }
+  std::string sVersion;
+  if (!FormatString(sVersion, "%0.%1.%2", numbers[0], numbers[1], numbers[2])) return std::string();
+  return sVersion;
+}
+
+std::string FormatBCDVersion(uint32_t inVersion) {
+  const uint32_t majorBCD = (inVersion >> 8) & 0xFF;
+  const uint32_t major = (majorBCD >> 4) * 10 + (majorBCD & 0x0F);
+  const uint32_t minor = (inVersion >> 4) & 0x0F;
+  const uint32_t fix = inVersion & 0x0F;
+  std::string sVersion;
+  if (!FormatString(sVersion, "%0.%1.%2", major, minor, fix)) return std::string();
+  return sVersion;
+}
