@@ -50,11 +50,12 @@ class Uploader {
   void SetStopFlag(const std::atomic<bool>* inStopRequested) { m_stopRequested = inStopRequested; }
 
   // Appends received reply bytes. When they do not fit (capacity - length <
-  // inLength + 1) the array grows (16384 to start, doubling), the bytes are
-  // appended, the length advances and a terminator is written. When they fit,
-  // they are copied to position m_replyLength and the length stays: a later
-  // chunk is laid over the first one's tail. Replies are one short word, well
-  // within one chunk; this overlay is the kept behaviour.
+  // inLength + 1) the array grows (16384 to start, doubling while capacity + 1
+  // < length + inLength), the bytes are appended, the length advances and a
+  // terminator is written. When they fit, they are copied to position
+  // m_replyLength and the length stays: a later chunk is laid over the first
+  // one's tail. Replies are one short word, well within one chunk; this
+  // overlay is the kept behaviour. Every write stays inside the array.
   void AppendReply(const uint8_t* inData, uint32_t inLength);
 
  protected:

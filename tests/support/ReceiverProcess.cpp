@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,6 +39,9 @@ ReceiverProcess::ReceiverProcess(const std::string& inSpoolDir, const std::strin
   mPid = fork();
   if (mPid < 0) throw std::runtime_error("fork failed");
   if (mPid == 0) {
+    // A test that crashes must not leave its receiver running (holding the
+    // test's standard error open and ctest waiting on it).
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     dup2(pipeFds[1], STDOUT_FILENO);
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());

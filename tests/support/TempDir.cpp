@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <vector>
@@ -38,7 +37,13 @@ void WriteFile(const std::string& inPath, const std::string& inContent) {
 }
 
 std::string ReadFile(const std::string& inPath) {
-  std::ifstream in(inPath, std::ios::binary);
+  // One bulk read: a byte-wise copy takes seconds for large uploads in an
+  // unoptimised build.
+  std::ifstream in(inPath, std::ios::binary | std::ios::ate);
   if (!in) throw std::runtime_error("cannot read " + inPath);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  std::string content(static_cast<size_t>(in.tellg()), '\0');
+  in.seekg(0);
+  in.read(content.data(), static_cast<std::streamsize>(content.size()));
+  if (!in) throw std::runtime_error("cannot read " + inPath);
+  return content;
 }

@@ -1,0 +1,26 @@
+// The receiver's command line.
+#ifndef PORVANE_RECEIVER_RECEIVEROPTIONS_H
+#define PORVANE_RECEIVER_RECEIVEROPTIONS_H
+
+#include <string>
+#include <vector>
+
+struct ReceiverOptions {
+  int port = 0;             // 0: the system picks a free port
+  std::string spoolFolder;  // required
+  std::string policyFile;   // "" when none was given
+  int delayMs = 0;          // wait before each answer
+  bool help = false;
+};
+
+// The usage text printed for --help.
+extern const char* const kReceiverUsage;
+
+// Parses the arguments after the program name. Options take their value as
+// the next argument or after "=" ("--port 8080", "--port=8080"). Returns ""
+// and fills outOptions, or a one-line message for the first problem found:
+// an unknown option, a missing or malformed value, no --spool. With --help
+// the other options are not checked.
+std::string ParseReceiverOptions(const std::vector<std::string>& inArgs, ReceiverOptions& outOptions);
+
+#endif  // PORVANE_RECEIVER_RECEIVEROPTIONS_H

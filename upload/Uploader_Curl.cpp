@@ -1,0 +1,260 @@
+#include "upload/Uploader_Curl.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <locale>
+#include <sstream>
+
+const char Uploader_Curl::kUserAgent[] =
+    "Mozilla/5.0 (Macintosh; U; PPC Mac OS X; en-us) AppleWebKit/125.5.5 (KHTML, like Gecko) Safari/125";
+
+namespace {
+
+// The largest reply chunk handed to AppendReply at once.
+constexpr long kReplyChunkSize = 16384;
+
+// A file descriptor that is closed when the owner goes away.
+class ScopedFd {
+ public:
+  explicit ScopedFd(int inFd) : m_fd(inFd) {}
+  ~ScopedFd() {
+    if (m_fd >= 0) close(m_fd);
+  }
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+  int Get() const { return m_fd; }
+
+ private:
+  int m_fd;
+};
+
+// The whole content of the file at inPath, or nothing when it cannot be
+// opened for reading or is a folder. A read error ends the content where it
+// happened; the upload sends what was read.
+std::optional<std::string> ReadWholeFile(const std::string& inPath) {
+  ScopedFd file(open(inPath.c_str(), O_RDONLY | O_CLOEXEC));
+  if (file.Get() < 0) return std::nullopt;
+  struct stat info;
+  if (fstat(file.Get(), &info) != 0 || S_ISDIR(info.st_mode)) return std::nullopt;
+  std::string content;
+  char chunk[65536];
+  for (;;) {
+    ssize_t got = read(file.Get(), chunk, sizeof chunk);
+    if (got < 0 && errno == EINTR) continue;  // SIGTERM's handler may interrupt us
+    if (got <= 0) break;
+    content.append(chunk, static_cast<size_t>(got));
+  }
+  return content;
+}
+
+int HexValue(char inDigit) {
+  if (inDigit >= '0' && inDigit <= '9') return inDigit - '0';
+  if (inDigit >= 'a' && inDigit <= 'f') return inDigit - 'a' + 10;
+  if (inDigit >= 'A' && inDigit <= 'F') return inDigit - 'A' + 10;
+  return -1;
+}
+
+// Every "%" followed by two hexadecimal digits becomes the byte they name;
+// any other "%" stays as it is.
+std::string DecodePercentEscapes(const std::string& inText) {
+  std::string decoded;
+  for (size_t i = 0; i < inText.size(); ++i) {
+    if (inText[i] == '%' && i + 2 < inText.size() && HexValue(inText[i + 1]) >= 0 && HexValue(inText[i + 2]) >= 0) {
+      decoded.push_back(static_cast<char>(HexValue(inText[i + 1]) * 16 + HexValue(inText[i + 2])));
+      i += 2;
+    } else {
+      decoded.push_back(inText[i]);
+    }
+  }
+  return decoded;
+}
+
+bool IsLegalInUrl(unsigned char inByte) {
+  if ((inByte >= 'a' && inByte <= 'z') || (inByte >= 'A' && inByte <= 'Z') || (inByte >= '0' && inByte <= '9')) {
+    return true;
+  }
+  return inByte != 0 && std::strchr("-._~!$&'()*+,;=:@/?#[]", inByte) != nullptr;
+}
+
+// Writes every byte that may not stand in a URL as %XX; reserved characters
+// keep their meaning, so the URL's structure survives.
+std::string EscapeIllegalBytes(const std::string& inText) {
+  std::string escaped;
+  for (unsigned char byte : inText) {
+    if (IsLegalInUrl(byte)) {
+      escaped.push_back(static_cast<char>(byte));
+    } else {
+      char code[4];
+      std::snprintf(code, sizeof code, "%%%02X", byte);
+      escaped.append(code);
+    }
+  }
+  return escaped;
+}
+
+std::string FileNameOf(const std::string& inFilePath) {
+  size_t slash = inFilePath.rfind('/');
+  return slash == std::string::npos ? inFilePath : inFilePath.substr(slash + 1);
+}
+
+}  // namespace
+
+Uploader* CreateUploader() { return new Uploader_Curl(); }
+
+Uploader_Curl::~Uploader_Curl() { Close(); }
+
+void Uploader_Curl::Close() {
+  m_easy.reset();
+  m_headers.reset();
+}
+
+bool Uploader_Curl::UploadFile(const std::string& inFilePath, const std::string& inUrl) {
+  // A finished object is not reset: one object serves one file.
+  if (m_inProgress) Reset();
+  m_inProgress = true;
+  m_finished = false;
+
+  std::optional<std::string> url = CreateURL(inUrl);
+  if (!url) return FailSetUp();
+  uint32_t bodyLength = 0;
+  std::string boundary;
+  Body body = BuildMultipartBody(inFilePath, bodyLength, boundary);
+  if (!body) return FailSetUp();
+  if (!OpenTransfer(*url, *body, bodyLength, boundary)) return FailSetUp();
+
+  // An error and a normal end are alike: the caller judges the reply text
+  // alone, and a missing reply keeps the file for a later try.
+  (void)curl_easy_perform(m_easy->Get());
+  EndExchange();
+  return true;
+}
+
+bool Uploader_Curl::FailSetUp() {
+  Close();
+  m_inProgress = false;
+  m_finished = true;
+  return false;
+}
+
+void Uploader_Curl::EndExchange() {
+  m_inProgress = false;
+  m_finished = true;
+  Close();
+}
+
+bool Uploader_Curl::OpenTransfer(const std::string& inUrl, const std::string& inBody, uint32_t inBodyLength,
+                                 const std::string& inBoundary) {
+  m_easy = std::make_unique<CurlEasy>();
+  if (m_easy->Get() == nullptr) return false;
+  m_headers = std::make_unique<CurlHeaderList>();
+  // Our three fields in this order. The empty "Expect:" keeps libcurl from
+  // adding "Expect: 100-continue" to large bodies and waiting for an interim
+  // answer that receivers need not give.
+  return m_headers->Append(std::string("User-Agent: ") + kUserAgent) &&
+         m_headers->Append("Content-Length: " + FormatLength(inBodyLength)) &&
+         m_headers->Append("Content-Type: multipart/form-data; boundary=" + inBoundary) &&
+         m_headers->Append("Expect:") && SetOptions(inUrl, inBody);
+}
+
+bool Uploader_Curl::SetOptions(const std::string& inUrl, const std::string& inBody) {
+  CURL* easy = m_easy->Get();
+  // The body's size is given, so libcurl sends it whole with a plain
+  // Content-Length (never chunked) and never asks for a compressed reply.
+  // Proxies come from the environment, which libcurl reads unless told not to.
+  // No time-out is set: the stop flag is what ends a transfer early.
+  // NOSIGNAL keeps libcurl's hands off the process's signals: the agent has
+  // its own SIGTERM handler, and a name look-up must not raise SIGALRM.
+  return curl_easy_setopt(easy, CURLOPT_URL, inUrl.c_str()) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1)) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_POST, 1L) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(inBody.size())) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, inBody.data()) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_headers->Get()) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReplyChunkSize) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Uploader_Curl::ReceiveReply) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_WRITEDATA, this) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Uploader_Curl::ReportProgress) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this) == CURLE_OK;
+}
+
+size_t Uploader_Curl::ReceiveReply(char* inData, size_t inSize, size_t inCount, void* inUploader) {
+  // libcurl hands over at most CURLOPT_BUFFERSIZE bytes at a time.
+  size_t length = inSize * inCount;
+  static_cast<Uploader_Curl*>(inUploader)
+      ->AppendReply(reinterpret_cast<const uint8_t*>(inData), static_cast<uint32_t>(length));
+  return length;
+}
+
+int Uploader_Curl::ReportProgress(void* inUploader, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  // libcurl calls this about once a second even on an idle connection, so a
+  // stop request ends even a transfer to a server that never answers. A
+  // non-zero result aborts the transfer, which then ends like an error.
+  return static_cast<Uploader_Curl*>(inUploader)->StopRequested() ? 1 : 0;
+}
+
+std::optional<std::string> Uploader_Curl::CreateURL(const std::string& inText) {
+  if (inText.empty()) return std::nullopt;
+  std::string url = EscapeIllegalBytes(DecodePercentEscapes(inText));
+  CurlUrl parser;
+  if (parser.Get() == nullptr || curl_url_set(parser.Get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
+    return std::nullopt;
+  }
+  return url;
+}
+
+Uploader_Curl::Body Uploader_Curl::BuildMultipartBody(const std::string& inFilePath, uint32_t& ioBodyLength,
+                                                      std::string& ioBoundary) {
+  std::optional<std::string> content = ReadWholeFile(inFilePath);
+  if (!content) return nullptr;
+  std::string boundary = MakeBoundary();
+  Body body = std::make_unique<const std::string>(ComposeMultipartBody(inFilePath, *content, boundary));
+  ioBodyLength = static_cast<uint32_t>(body->size());
+  ioBoundary = boundary;
+  return body;
+}
+
+std::string Uploader_Curl::ComposeMultipartBody(const std::string& inFilePath, const std::string& inContent,
+                                                const std::string& inBoundary) {
+  std::string body;
+  body.reserve(inContent.size() + 2 * inBoundary.size() + inFilePath.size() + 128);
+  body.append("--").append(inBoundary).append("\r\n");
+  body.append("Content-Disposition: form-data; name=\"logfile\"; filename=\"")
+      .append(FileNameOf(inFilePath))
+      .append("\"\r\n");
+  body.append("Content-Type: application/octet-stream\r\n\r\n");
+  body.append(inContent);
+  // Two CR LF pairs before the closing delimiter and none after it: the
+  // receiver has always parsed this form, so it stays byte for byte.
+  body.append("\r\n\r\n--").append(inBoundary).append("--");
+  return body;
+}
+
+std::string Uploader_Curl::MakeBoundary() {
+  std::srand(static_cast<unsigned>(std::time(nullptr)));
+  std::string boundary;
+  while (boundary.size() <= 15) {
+    std::ostringstream piece;
+    piece.imbue(std::locale::classic());
+    piece << std::rand();
+    boundary += piece.str();
+  }
+  return boundary;
+}
+
+std::string Uploader_Curl::FormatLength(uint32_t inValue) {
+  // The classic locale: a global locale with digit grouping must not put
+  // separators into a header value.
+  std::ostringstream text;
+  text.imbue(std::locale::classic());
+  text << inValue;
+  return text.str();
+}

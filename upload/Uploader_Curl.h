@@ -1,0 +1,95 @@
+// The uploader over libcurl: one easy handle per object, driven on the calling
+// thread. Callers use it through Uploader (CreateUploader); the static helpers
+// below are public so that the request's bytes can be checked on their own.
+#ifndef PORVANE_UPLOAD_UPLOADER_CURL_H
+#define PORVANE_UPLOAD_UPLOADER_CURL_H
+
+#include <curl/curl.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "upload/CurlHandles.h"
+#include "upload/Uploader.h"
+
+class Uploader_Curl final : public Uploader {
+ public:
+  // An owned, immutable request body; null when none could be built.
+  using Body = std::unique_ptr<const std::string>;
+
+  // The text sent as "User-Agent". It is the same fixed text on every
+  // machine, whatever its processor or system; the mismatch with the machine
+  // that sends it is deliberate and kept.
+  static const char kUserAgent[];
+
+  Uploader_Curl() = default;
+  ~Uploader_Curl() override;
+
+  // Releases the easy handle (closing its connection) and the header list,
+  // if there are any; does nothing otherwise. Leaves the flags alone.
+  void Close() override;
+
+  // In this order: resets an object still marked in progress; marks it in
+  // progress; makes the URL (CreateURL) and the body (BuildMultipartBody);
+  // sets up a POST over HTTP/1.1 with exactly the built bytes and the
+  // User-Agent, Content-Length and Content-Type headers (no "Expect", no
+  // chunked encoding, no Accept-Encoding; proxies from the environment as
+  // libcurl reads them; TLS verification on; no time-out); runs the transfer
+  // until it ends. Any end of the transfer, a failed connection or a stop
+  // request included, marks the object finished, closes it and returns true;
+  // the reply is whatever body bytes came. When the URL, the body or the
+  // transfer cannot be set up, nothing is sent, the object is closed and
+  // marked finished, and the result is false.
+  bool UploadFile(const std::string& inFilePath, const std::string& inUrl) override;
+
+  // The URL text handed to libcurl for inText, or nothing when inText is empty
+  // or libcurl's URL parser rejects the result. Every "%" followed by two
+  // hexadecimal digits is decoded first; then every byte that may not stand
+  // in a URL (anything but ASCII letters, digits and -._~!$&'()*+,;=:@/?#[])
+  // is written as %XX with upper-case hex. So "%2F" becomes "/", "%41"
+  // becomes "A" and a space (plain or escaped) becomes "%20".
+  static std::optional<std::string> CreateURL(const std::string& inText);
+
+  // Reads the file at inFilePath whole and returns its multipart body with a
+  // fresh boundary (MakeBoundary). On success ioBodyLength becomes the body's
+  // length and ioBoundary the boundary. Returns null, leaving both untouched
+  // and the C library's random generator unused, when the file cannot be
+  // opened for reading or is a folder. A read error after the open is not
+  // reported: the bytes read until then are the content.
+  static Body BuildMultipartBody(const std::string& inFilePath, uint32_t& ioBodyLength, std::string& ioBoundary);
+
+  // The body's bytes for a file at inFilePath holding inContent: one part
+  // named "logfile" whose file name is the text after the path's last "/"
+  // (the whole path when it has none), used unquoted. The closing delimiter
+  // follows two CR LF pairs and has no CR LF behind it; the receiver parses
+  // exactly this form.
+  static std::string ComposeMultipartBody(const std::string& inFilePath, const std::string& inContent,
+                                          const std::string& inBoundary);
+
+  // Seeds rand() with the current time in seconds, then appends decimal
+  // rand() values until the text is longer than 15 characters: 16 to 25
+  // digits. Two calls within the same second give the same boundary.
+  static std::string MakeBoundary();
+
+  // inValue in decimal, no sign, fill or separators.
+  static std::string FormatLength(uint32_t inValue);
+
+ private:
+  // Makes the easy handle and the header list and sets every option of the
+  // request. False when any of that fails. inBody must outlive the transfer.
+  bool OpenTransfer(const std::string& inUrl, const std::string& inBody, uint32_t inBodyLength,
+                    const std::string& inBoundary);
+  bool SetOptions(const std::string& inUrl, const std::string& inBody);
+  bool FailSetUp();
+  void EndExchange();
+
+  static size_t ReceiveReply(char* inData, size_t inSize, size_t inCount, void* inUploader);
+  static int ReportProgress(void* inUploader, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
+
+  std::unique_ptr<CurlEasy> m_easy;  // null while no transfer is open
+  std::unique_ptr<CurlHeaderList> m_headers;
+};
+
+#endif  // PORVANE_UPLOAD_UPLOADER_CURL_H
