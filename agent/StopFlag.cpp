@@ -1,0 +1,10 @@
+#include "agent/StopFlag.h"
+
+#include "source/FileSystemUtils.h"
+
+std::atomic<StopFlag*> activeStopFlag{nullptr};
+
+bool StopFlag::RemoveFile(const std::string& inPath) const {
+  if (!FileSystemUtils::PathExists(inPath)) return false;
+  return FileSystemUtils::RemovePath(inPath);
+}
