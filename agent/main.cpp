@@ -1,4 +1,18 @@
-// porvane: one pass of the log-upload agent. The start-up sequence arrives
-// with the command line and the upload run; until then the program does
-// nothing and reports that the run did not happen.
-int main() { return 1; }
+// porvane: one pass of the log-upload agent.
+//
+// Exit status: 0 when the upload run completed, 1 otherwise, 2 for a rejected
+// argument (reported on one line of standard error before any lock is taken).
+// Any other exception ends the process abnormally.
+#include <cstdio>
+#include <stdexcept>
+
+#include "agent/AgentMain.h"
+
+int main(int argc, char** argv) {
+  try {
+    return RunAgent(argc, argv);
+  } catch (const std::invalid_argument& rejected) {
+    std::fprintf(stderr, "porvane: invalid argument: %s\n", rejected.what());
+    return 2;
+  }
+}
