@@ -113,6 +113,19 @@ std::string RawServer::HttpReply(const std::string& inBody, int inStatus) {
          "\r\nConnection: close\r\n\r\n" + inBody;
 }
 
+int RawServer::ConnectLoopback(int inPort) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr.sin_port = htons(static_cast<uint16_t>(inPort));
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    close(fd);
+    fd = -1;
+  }
+  return fd;
+}
+
 std::vector<std::string> RawServer::Requests() {
   std::lock_guard<std::mutex> guard(mMutex);
   return mRequests;

@@ -39,6 +39,9 @@ class RawServer {
   static bool WriteAll(int inSocket, const std::string& inData);
   // "HTTP/1.1 200 OK" with Content-Length and Connection: close.
   static std::string HttpReply(const std::string& inBody, int inStatus = 200);
+  // A client socket connected to 127.0.0.1:inPort, owned by the caller (who
+  // closes it); -1 when nothing accepts there.
+  static int ConnectLoopback(int inPort);
 
   std::vector<std::string> Requests();
 
