@@ -114,10 +114,12 @@ check_deb() {
   # Every library a packaged program names (ELF NEEDED) must come from a
   # package that Depends lists.
   need objdump
-  local program soname owner
+  local program soname owner multiarch
+  multiarch=$(gcc -print-multiarch 2>/dev/null || echo x86_64-linux-gnu)
   for program in "$scratch"/deb/usr/bin/*; do
     for soname in $(objdump -p "$program" | awk '$1 == "NEEDED" { print $2 }'); do
-      owner=$(dpkg -S "*/$soname" 2>/dev/null | awk -F: 'NR == 1 { print $1 }') ||
+      # Only the host architecture's copy counts (libc6-i386 holds a libm too).
+      owner=$(dpkg -S "*/$multiarch/$soname" 2>/dev/null | awk -F: 'NR == 1 { print $1 }') ||
         fail "no installed package holds $soname"
       [ -n "$owner" ] || fail "no installed package holds $soname"
       case ", $depends," in
