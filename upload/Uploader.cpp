@@ -51,7 +51,9 @@ void Uploader::AppendReply(const uint8_t* inData, uint32_t inLength) {
   if (!hasRoom) {
     if (m_replyCapacity == 0) m_replyCapacity = kInitialReplyCapacity;
     while (m_replyCapacity + 1 < m_replyLength + inLength) m_replyCapacity *= 2;
-    uint8_t* grown = new uint8_t[m_replyCapacity + kSpareBytes];
+    // Zeroed: a later chunk laid over the terminator must still leave the
+    // reply terminated somewhere inside the array.
+    uint8_t* grown = new uint8_t[m_replyCapacity + kSpareBytes]();
     if (m_replyData != nullptr) std::memcpy(grown, m_replyData, m_replyLength);
     if (inLength > 0) std::memcpy(grown + m_replyLength, inData, inLength);
     m_replyLength += inLength;
