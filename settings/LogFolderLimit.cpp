@@ -1,5 +1,6 @@
 #include "settings/LogFolderLimit.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <iostream>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "settings/Locations.h"
 
@@ -39,8 +41,89 @@ bool FindLogFolder(fs::path& outFolder) {
 }
 
 // Whole seconds, as the modification time of a file is usually told.
-int64_t WriteTimeSeconds(const fs::directory_entry& inEntry) {
-  return std::chrono::floor<std::chrono::seconds>(fs::last_write_time(inEntry.path()).time_since_epoch()).count();
+int64_t WriteTimeSeconds(const fs::path& inPath) {
+  return std::chrono::floor<std::chrono::seconds>(fs::last_write_time(inPath).time_since_epoch()).count();
+}
+
+// True when the file was removed; a file already gone, an empty path or any
+// error gives false, without a message.
+bool RemoveSilently(const std::string& inPath) {
+  try {
+    return fs::remove(fs::path(inPath));
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// A countable file as one scan saw it.
+struct LogFile {
+  std::string sPath;
+  double size;
+  int64_t writeTime;
+};
+
+// Reads every countable file of the log folder once, in listing order, with
+// the same calls as GetLogFolderSize and DeleteOldestLogFile. Writes
+// nothing: false as soon as anything would have been reported (an entry or
+// the scan failing) or the folder cannot be found, and the caller then
+// leaves the work to those two functions.
+bool ScanSilently(std::vector<LogFile>& outFiles, double& outTotal) {
+  fs::path folder;
+  if (!FindLogFolder(folder)) return false;
+  outTotal = 0;
+  try {
+    for (fs::directory_iterator entry(folder), end; entry != end; ++entry) {
+      if (!IsCountable(*entry)) continue;
+      const fs::path& path = entry->path();
+      const double size = static_cast<double>(fs::file_size(path));
+      outFiles.push_back(LogFile{path.native(), size, WriteTimeSeconds(path)});
+      // Summed in listing order, as GetLogFolderSize sums.
+      outTotal += size;
+    }
+  } catch (const std::exception&) {
+    return false;
+  }
+  return true;
+}
+
+// One file at a time, measuring the whole folder before every deletion.
+bool TrimOneByOne(double inLimit) {
+  for (;;) {
+    const double total = GetLogFolderSize();
+    // Not "total <= limit": an unordered comparison (a NaN limit) ends the
+    // loop as well, and so does the -1 of a failed scan.
+    if (!(total > inLimit)) return true;
+    if (!DeleteOldestLogFile()) return false;
+  }
+}
+
+// The one-by-one loop above, worked out from a single scan. Its scans would
+// differ from this one only through changes made by others, and the trim
+// runs while the agent holds the upload lock, before its own upload run; the
+// other writers only add files. So every later scan of that loop would list
+// the files of this one minus those already deleted, in the same relative
+// order (removing an entry does not reorder the rest of a listing), with the
+// same sizes and times. Its choice, the oldest in whole seconds and the
+// first listed among equals, is then always the front of this list sorted
+// stably by seconds, and its measure is the first total minus the sizes
+// deleted (sizes are whole numbers, so the doubles stay exact). A file that
+// arrives meanwhile is newer than every candidate and would only be deleted
+// after all of them; it is not counted now (the folder may end above the
+// limit by what arrived during the trim) and the next start counts it. What is
+// kept: the same files in the same order, the stop as soon as the total is
+// not above the limit, and false at once when a removal does not happen
+// (also when the list runs out while the total is still above a negative
+// limit, where the loop would find no file to remove).
+bool TrimOldestFirst(std::vector<LogFile>& ioFiles, double inTotal, double inLimit) {
+  std::stable_sort(ioFiles.begin(), ioFiles.end(),
+                   [](const LogFile& inA, const LogFile& inB) { return inA.writeTime < inB.writeTime; });
+  double total = inTotal;
+  for (const LogFile& file : ioFiles) {
+    if (!(total > inLimit)) return true;
+    if (!RemoveSilently(file.sPath)) return false;
+    total -= file.size;
+  }
+  return !(total > inLimit);
 }
 
 }  // namespace
@@ -74,7 +157,7 @@ bool DeleteOldestLogFile() {
       for (fs::directory_iterator entry(folder), end; entry != end; ++entry) {
         try {
           if (!IsCountable(*entry)) continue;
-          const int64_t writeTime = WriteTimeSeconds(*entry);
+          const int64_t writeTime = WriteTimeSeconds(entry->path());
           // Strictly older only: among equally old files the first met stays
           // the choice.
           if (candidates == 0 || writeTime < candidateTime) {
@@ -91,22 +174,17 @@ bool DeleteOldestLogFile() {
       ReportScanFailure(error);
     }
   }
-  try {
-    return fs::remove(fs::path(sCandidate));
-  } catch (const std::exception&) {
-    return false;
-  }
+  return RemoveSilently(sCandidate);
 }
 
 bool EnforceLogFolderLimit() {
   std::string sLimit;
   if (GetMaxTotalDirSize(sLimit) != kLocationOk) return false;
   const double limit = std::atof(sLimit.c_str());
-  for (;;) {
-    const double total = GetLogFolderSize();
-    // Not "total <= limit": an unordered comparison (a NaN limit) ends the
-    // loop as well, and so does the -1 of a failed scan.
-    if (!(total > limit)) return true;
-    if (!DeleteOldestLogFile()) return false;
-  }
+  std::vector<LogFile> files;
+  double total = 0;
+  // Anything the quiet scan could not read must be reported once per scan,
+  // as the one-by-one loop does; that loop then does all of the work.
+  if (!ScanSilently(files, total)) return TrimOneByOne(limit);
+  return TrimOldestFirst(files, total, limit);
 }

@@ -16,6 +16,14 @@
 // 0 and every countable file goes). True when the folder ends at or below the
 // ceiling (also when the size cannot be compared, e.g. after a failed scan);
 // false when the ceiling could not be read or a deletion did not happen.
+// The folder is read once and the files go in the order DeleteOldestLogFile
+// would pick them. When that read meets an entry it cannot measure or date,
+// or the scan itself fails, the work falls to GetLogFolderSize and
+// DeleteOldestLogFile in turn, measuring before every deletion, so every
+// scan reports what it could not read.
+// Meant to run while no other process removes files of the folder (the
+// agent holds the upload lock): a file that vanishes between that read and
+// its deletion ends the trim with false.
 bool EnforceLogFolderLimit();
 
 // The total size in bytes of the countable files; 0 when the log folder

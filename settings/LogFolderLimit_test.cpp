@@ -1,6 +1,8 @@
 #include "settings/LogFolderLimit.h"
 
+#include <fcntl.h>
 #include <grp.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include <chrono>
 #include <filesystem>
 #include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -23,8 +26,9 @@ namespace {
 
 // The installation settings this test binary reads: it runs inside a host
 // (its name is not "porvane"), so they lie in
-// <build>/lib/<binary name>/porvane/share/porvane/Porvane.cfg. Only one test
-// of this binary writes them, so parallel test processes never share them.
+// <build>/lib/<binary name>/porvane/share/porvane/Porvane.cfg. Tests run in
+// parallel processes, so each owner holds an exclusive flock beside the file
+// for its whole life and the tests take turns.
 class InstallConfig {
  public:
   InstallConfig() {
@@ -32,10 +36,15 @@ class InstallConfig {
     const fs::path folder = exe.parent_path().parent_path() / "lib" / exe.filename() / "porvane/share/porvane";
     fs::create_directories(folder);
     mPath = (folder / "Porvane.cfg").native();
+    mLock = open((mPath + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    EXPECT_GE(mLock, 0) << "cannot open the lock file beside " << mPath;
+    while (mLock >= 0 && flock(mLock, LOCK_EX) != 0 && errno == EINTR) {
+    }
   }
   ~InstallConfig() {
     std::error_code ignored;
     fs::remove(mPath, ignored);
+    if (mLock >= 0) close(mLock);
   }
   InstallConfig(const InstallConfig&) = delete;
   InstallConfig& operator=(const InstallConfig&) = delete;
@@ -46,6 +55,7 @@ class InstallConfig {
 
  private:
   std::string mPath;
+  int mLock = -1;
 };
 
 // A private home: the log folder is $XDG_STATE_HOME/Logs/Tarvo/Porvane.
@@ -77,6 +87,14 @@ class LogFolderLimitTest : public ::testing::Test {
   }
 
   bool Exists(const std::string& inName) const { return fs::exists(mLogFolder + "/" + inName); }
+
+  // The names starting with inPrefix, in the order the folder lists them.
+  std::vector<std::string> Listed(const std::string& inPrefix) const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(mLogFolder))
+      if (entry.path().filename().native().rfind(inPrefix, 0) == 0) names.push_back(entry.path().filename());
+    return names;
+  }
 
   TempDir mHome{"limit"};
   ScopedEnvironment mEnvironment;
@@ -167,6 +185,63 @@ TEST_F(LogFolderLimitTest, AnEntryThatCannotBeMeasuredIsReportedAndSkipped) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(GetLogFolderSize(), 10.0);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "dangling.log " + sWhat + "\n");
+}
+
+TEST_F(LogFolderLimitTest, TrimsExactlyAsMeasuringBeforeEveryDeletion) {
+  InstallConfig config;
+  // Forty files in four interleaved seconds; within a second the sub-second
+  // parts fall along the listing, so only whole seconds and then the listing
+  // give the order. Sizes vary so that where the limit stops (inside the
+  // second group) shows which files went. The one-by-one loop trims a first
+  // fill; the same fill again goes to EnforceLogFolderLimit.
+  const auto base = std::chrono::floor<std::chrono::seconds>(fs::file_time_type::clock::now()) - std::chrono::hours(2);
+  std::map<std::string, fs::file_time_type> times;
+  const auto fill = [&] {
+    for (int i = 0; i < 40; ++i) AddFile("t_" + std::to_string(100 + i) + ".log", 300 + (i * 37) % 200);
+    const std::vector<std::string> listing = Listed("t_");
+    if (times.empty())
+      for (size_t k = 0; k < listing.size(); ++k)
+        times[listing[k]] = base + std::chrono::seconds(k % 4) + std::chrono::milliseconds(900 - 20 * k);
+    for (const auto& [name, time] : times) fs::last_write_time(mLogFolder + "/" + name, time);
+    return listing;
+  };
+  const std::vector<std::string> listing = fill();
+  const long long limit = static_cast<long long>(GetLogFolderSize() * 0.6);
+  while (GetLogFolderSize() > limit) ASSERT_TRUE(DeleteOldestLogFile());
+  const std::vector<std::string> kept = Listed("t_");
+  for (const std::string& name : kept) fs::remove(mLogFolder + "/" + name);
+  ASSERT_EQ(fill(), listing) << "a second fill is listed differently; nothing to compare";
+  config.SetLimit(std::to_string(limit));
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(EnforceLogFolderLimit());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(Listed("t_"), kept);
+  for (const std::string& name : Listed("t_")) fs::remove(mLogFolder + "/" + name);
+
+  // An entry that cannot be read is reported by every scan: measure, choose,
+  // measure again.
+  config.SetLimit("1000");
+  AddFile("u_old.log", 600, 100);
+  AddFile("u_new.log", 600, 0);
+  const std::string sDangling = mLogFolder + "/dangling.log";
+  fs::create_symlink(mHome / "nowhere", sDangling);
+  std::string sSizeError;
+  std::string sTimeError;
+  try {
+    static_cast<void>(fs::file_size(sDangling));
+  } catch (const fs::filesystem_error& error) {
+    sSizeError = "dangling.log " + std::string(error.what()) + "\n";
+  }
+  try {
+    static_cast<void>(fs::last_write_time(sDangling));
+  } catch (const fs::filesystem_error& error) {
+    sTimeError = "dangling.log " + std::string(error.what()) + "\n";
+  }
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(EnforceLogFolderLimit());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), sSizeError + sTimeError + sSizeError);
+  EXPECT_FALSE(Exists("u_old.log"));
+  EXPECT_TRUE(Exists("u_new.log"));
 }
 
 }  // namespace
