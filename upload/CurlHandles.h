@@ -7,7 +7,13 @@
 
 #include <string>
 
-// One easy handle. Get() is null when libcurl could not make one.
+// One easy handle, joined to the process's CurlShare, so that a connection
+// it leaves open serves the next handle to the same server. Get() is null
+// when libcurl could not make one; without a share it still works, on
+// connections of its own.
+//
+// REQUIRES: every CurlEasy is gone before main returns (none lives in a
+// static object), because the share is destroyed after that.
 class CurlEasy {
  public:
   CurlEasy();
@@ -19,6 +25,27 @@ class CurlEasy {
 
  private:
   CURL* m_handle;
+};
+
+// A share handle through which easy handles keep connections and name
+// look-ups for each other: CURL_LOCK_DATA_CONNECT and CURL_LOCK_DATA_DNS.
+// Get() is null when libcurl could not make or set it up.
+//
+// The agent is single-threaded, so no lock callbacks are set; without them
+// only one thread at a time may run transfers through the share. Going away
+// closes the connections it still keeps.
+// REQUIRES: every easy handle set to use it has been cleaned up before.
+class CurlShare {
+ public:
+  CurlShare();
+  ~CurlShare();
+  CurlShare(const CurlShare&) = delete;
+  CurlShare& operator=(const CurlShare&) = delete;
+
+  CURLSH* Get() const { return m_handle; }
+
+ private:
+  CURLSH* m_handle;
 };
 
 // A list of header lines for CURLOPT_HTTPHEADER. It must outlive the transfer

@@ -121,6 +121,43 @@ TEST_F(UploadTransport, AnyEndOfTheExchangeIsTrueAFailedSetUpFalseBothFinished) 
   EXPECT_EQ(empty.Connections(), 1);
 }
 
+TEST_F(UploadTransport, LaterUploadersReuseAKeptConnectionOrOpenAFreshOne) {
+  // No "Connection: close": the client may keep the connection.
+  const std::string kKeptReply = "HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nActive";
+  // Answers every request on one connection. A client that opens a second
+  // connection meanwhile gets it once no request has come for 3 s, so the
+  // count fails instead of the test hanging.
+  RawServer keepsAlive([&kKeptReply](int inSocket, RawServer& inServer) {
+    for (int waited = 0; waited < 3000 && !inServer.Stopping(); waited += 50) {
+      pollfd next{inSocket, POLLIN, 0};
+      if (poll(&next, 1, 50) == 0) continue;
+      if (inServer.ReadRequest(inSocket).empty() || !RawServer::WriteAll(inSocket, kKeptReply)) return;
+      waited = 0;
+    }
+  });
+  RawServer closesAfterReply(Answer(kKeptReply));
+  // Closes a kept connection on its next request without answering, as a
+  // server whose idle time-out strikes just then: the request must go again.
+  RawServer dropsNextRequest([&kKeptReply](int inSocket, RawServer& inServer) {
+    inServer.ReadRequest(inSocket);
+    RawServer::WriteAll(inSocket, kKeptReply);
+    inServer.ReadRequest(inSocket);
+  });
+  for (RawServer* server : {&keepsAlive, &closesAfterReply, &dropsNextRequest}) {
+    for (int i = 0; i < 2; ++i) {
+      std::unique_ptr<Uploader> uploader(CreateUploader());
+      EXPECT_TRUE(uploader->UploadFile(mFile, server->Url()));
+      EXPECT_STREQ(uploader->GetReply(), "Active") << server->Port() << " upload " << i;
+    }
+  }
+  EXPECT_EQ(keepsAlive.Connections(), 1);
+  EXPECT_EQ(closesAfterReply.Connections(), 2);
+  EXPECT_EQ(dropsNextRequest.Connections(), 2);
+  const std::vector<std::string> dropped = dropsNextRequest.Requests();
+  ASSERT_GE(dropped.size(), 3u);
+  EXPECT_EQ(dropped[2], dropped[1]) << "the request sent again differs from the one the server dropped";
+}
+
 TEST_F(UploadTransport, OnlyTheFirstChunkOfAReplyIsCounted) {
   // The second piece comes after a pause, so libcurl hands it over apart.
   RawServer split([](int inSocket, RawServer& inServer) {

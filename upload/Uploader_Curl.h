@@ -1,5 +1,7 @@
 // The uploader over libcurl: one easy handle per object, driven on the calling
-// thread. Callers use it through Uploader (CreateUploader); the static helpers
+// thread. The TCP connection outlives the object: every easy handle joins the
+// process's CurlShare, so the next uploader to the same server sends on it.
+// Callers use it through Uploader (CreateUploader); the static helpers
 // below are public so that the request's bytes can be checked on their own.
 #ifndef PORVANE_UPLOAD_UPLOADER_CURL_H
 #define PORVANE_UPLOAD_UPLOADER_CURL_H
@@ -27,8 +29,10 @@ class Uploader_Curl final : public Uploader {
   Uploader_Curl() = default;
   ~Uploader_Curl() override;
 
-  // Releases the easy handle (closing its connection) and the header list,
-  // if there are any; does nothing otherwise. Leaves the flags alone.
+  // Releases the easy handle and the header list, if there are any; does
+  // nothing otherwise. Leaves the flags alone. A connection the server left
+  // open stays in the process's share for the next uploader; one that ended
+  // early (a stop request, an error) is closed.
   void Close() override;
 
   // In this order: resets an object still marked in progress; marks it in
@@ -37,7 +41,9 @@ class Uploader_Curl final : public Uploader {
   // User-Agent, Content-Length and Content-Type headers (no "Expect", no
   // chunked encoding, no Accept-Encoding; proxies from the environment as
   // libcurl reads them; TLS verification on; no time-out); runs the transfer
-  // until it ends. Any end of the transfer, a failed connection or a stop
+  // until it ends, on a kept connection to the same server when one is still
+  // open. When a kept connection turns out closed by the server before any
+  // reply, libcurl sends the same request again on a fresh one. Any end of the transfer, a failed connection or a stop
   // request included, marks the object finished, closes it and returns true;
   // the reply is whatever body bytes came. When the URL, the body or the
   // transfer cannot be set up, nothing is sent, the object is closed and
