@@ -101,23 +101,6 @@ class LogFolderLimitTest : public ::testing::Test {
   const std::string mLogFolder = mHome / "state/Logs/Tarvo/Porvane";
 };
 
-TEST_F(LogFolderLimitTest, AmongFilesOfTheSameSecondTheFirstListedGoes) {
-  // All three share one second; the sub-second parts increase along the
-  // listing, so only whole seconds make the first one the choice.
-  const auto base = std::chrono::floor<std::chrono::seconds>(fs::file_time_type::clock::now()) - std::chrono::hours(1);
-  for (const char* name : {"k_1.log", "k_2.log", "k_3.log"}) AddFile(name, 10);
-  std::vector<std::string> listed;
-  for (const auto& entry : fs::directory_iterator(mLogFolder))
-    if (entry.path().filename().native().rfind("k_", 0) == 0) listed.push_back(entry.path().filename());
-  ASSERT_EQ(listed.size(), 3u);
-  for (size_t i = 0; i < listed.size(); ++i)
-    fs::last_write_time(mLogFolder + "/" + listed[i], base + std::chrono::milliseconds(100 + 300 * (2 - i)));
-  EXPECT_TRUE(DeleteOldestLogFile());
-  EXPECT_FALSE(Exists(listed[0]));
-  EXPECT_TRUE(Exists(listed[1]));
-  EXPECT_TRUE(Exists(listed[2]));
-}
-
 TEST_F(LogFolderLimitTest, DeletesTheOldestFilesUntilWithinTheInstalledLimit) {
   InstallConfig config;
   config.SetLimit("500000");
@@ -172,29 +155,27 @@ TEST_F(LogFolderLimitTest, DeletesTheOldestFilesUntilWithinTheInstalledLimit) {
   EXPECT_TRUE(Exists("a_2.log"));
 }
 
-TEST_F(LogFolderLimitTest, AnEntryThatCannotBeMeasuredIsReportedAndSkipped) {
-  AddFile("a_1.log", 10);
-  const std::string sDangling = mLogFolder + "/dangling.log";
-  fs::create_symlink(mHome / "nowhere", sDangling);
-  std::string sWhat;
-  try {
-    static_cast<void>(fs::file_size(sDangling));
-  } catch (const fs::filesystem_error& error) {
-    sWhat = error.what();
-  }
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(GetLogFolderSize(), 10.0);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "dangling.log " + sWhat + "\n");
-}
-
-TEST_F(LogFolderLimitTest, TrimsExactlyAsMeasuringBeforeEveryDeletion) {
-  InstallConfig config;
-  // Forty files in four interleaved seconds; within a second the sub-second
-  // parts fall along the listing, so only whole seconds and then the listing
-  // give the order. Sizes vary so that where the limit stops (inside the
-  // second group) shows which files went. The one-by-one loop trims a first
-  // fill; the same fill again goes to EnforceLogFolderLimit.
+// Whole seconds, then the listing, give the order of deletion.
+TEST_F(LogFolderLimitTest, TrimsOldestFirstAndAmongTheSameSecondTheFirstListed) {
   const auto base = std::chrono::floor<std::chrono::seconds>(fs::file_time_type::clock::now()) - std::chrono::hours(2);
+  // Three files share one second; the sub-second parts increase along the
+  // listing, so only whole seconds make the first one the choice.
+  for (const char* name : {"k_1.log", "k_2.log", "k_3.log"}) AddFile(name, 10);
+  const std::vector<std::string> listed = Listed("k_");
+  ASSERT_EQ(listed.size(), 3u);
+  for (size_t i = 0; i < listed.size(); ++i)
+    fs::last_write_time(mLogFolder + "/" + listed[i], base + std::chrono::milliseconds(100 + 300 * (2 - i)));
+  EXPECT_TRUE(DeleteOldestLogFile());
+  EXPECT_FALSE(Exists(listed[0]));
+  EXPECT_TRUE(Exists(listed[1]));
+  EXPECT_TRUE(Exists(listed[2]));
+  for (const std::string& name : Listed("k_")) fs::remove(mLogFolder + "/" + name);
+
+  // Forty files in four interleaved seconds; within a second the sub-second
+  // parts fall along the listing. Sizes vary so that where the limit stops
+  // (inside the second group) shows which files went. The one-by-one loop
+  // trims a first fill; the same fill again goes to EnforceLogFolderLimit.
+  InstallConfig config;
   std::map<std::string, fs::file_time_type> times;
   const auto fill = [&] {
     for (int i = 0; i < 40; ++i) AddFile("t_" + std::to_string(100 + i) + ".log", 300 + (i * 37) % 200);
@@ -218,25 +199,32 @@ TEST_F(LogFolderLimitTest, TrimsExactlyAsMeasuringBeforeEveryDeletion) {
   EXPECT_EQ(Listed("t_"), kept);
   for (const std::string& name : Listed("t_")) fs::remove(mLogFolder + "/" + name);
 
-  // An entry that cannot be read is reported by every scan: measure, choose,
-  // measure again.
+}
+
+// An entry that cannot be measured is reported and skipped by every scan:
+// measuring alone, and in the limit's loop measure, choose, measure again.
+TEST_F(LogFolderLimitTest, AnEntryThatCannotBeMeasuredIsReportedAndSkipped) {
+  AddFile("a_1.log", 10);
+  const std::string sDangling = mLogFolder + "/dangling.log";
+  fs::create_symlink(mHome / "nowhere", sDangling);
+  const auto report = [](auto inProbe) {
+    try {
+      inProbe();
+    } catch (const fs::filesystem_error& error) {
+      return "dangling.log " + std::string(error.what()) + "\n";
+    }
+    return std::string("no error");
+  };
+  const std::string sSizeError = report([&] { static_cast<void>(fs::file_size(sDangling)); });
+  const std::string sTimeError = report([&] { static_cast<void>(fs::last_write_time(sDangling)); });
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(GetLogFolderSize(), 10.0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), sSizeError);
+
+  InstallConfig config;
   config.SetLimit("1000");
   AddFile("u_old.log", 600, 100);
   AddFile("u_new.log", 600, 0);
-  const std::string sDangling = mLogFolder + "/dangling.log";
-  fs::create_symlink(mHome / "nowhere", sDangling);
-  std::string sSizeError;
-  std::string sTimeError;
-  try {
-    static_cast<void>(fs::file_size(sDangling));
-  } catch (const fs::filesystem_error& error) {
-    sSizeError = "dangling.log " + std::string(error.what()) + "\n";
-  }
-  try {
-    static_cast<void>(fs::last_write_time(sDangling));
-  } catch (const fs::filesystem_error& error) {
-    sTimeError = "dangling.log " + std::string(error.what()) + "\n";
-  }
   testing::internal::CaptureStdout();
   EXPECT_TRUE(EnforceLogFolderLimit());
   EXPECT_EQ(testing::internal::GetCapturedStdout(), sSizeError + sTimeError + sSizeError);

@@ -7,19 +7,15 @@
 // not wait that long: once the fault has been served they check that the
 // agent is still running (waiting), end the wait with SIGTERM and expect exit
 // status 1 with the file kept, as a user's SIGTERM would.
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <random>
@@ -35,7 +31,6 @@
 namespace {
 
 using Strings = std::vector<std::string>;
-using Clock = std::chrono::steady_clock;
 using Acks = std::map<std::string, int>;  // file name -> understood answers sent for it
 
 // Time an agent is given to react to a closed connection before the test
@@ -44,9 +39,9 @@ constexpr auto kSettleTime = std::chrono::milliseconds(400);
 
 template <typename Condition>
 bool Eventually(Condition inCondition, int inTimeoutMs = 10000) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(inTimeoutMs);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(inTimeoutMs);
   while (!inCondition()) {
-    if (Clock::now() > deadline) return false;
+    if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
@@ -64,23 +59,17 @@ bool AgentLockIsFree() {
 std::string UploadedName(const std::string& inRequest) {
   const std::string kMarker = "; filename=\"";
   const auto start = inRequest.find(kMarker);
-  if (start == std::string::npos) return std::string();
-  const auto end = inRequest.find('"', start + kMarker.size());
+  const auto end = start == std::string::npos ? start : inRequest.find('"', start + kMarker.size());
   if (end == std::string::npos) return std::string();
   return inRequest.substr(start + kMarker.size(), end - start - kMarker.size());
 }
 
-// Reads from inSocket until the request's headers and inBodyBytes bytes of
-// its body are in, the peer closed, the server stops or 10 s passed.
-std::string ReadHeadersAndSome(int inSocket, const RawServer& inServer, size_t inBodyBytes) {
+// Reads until the request's headers are in (with whatever body came along)
+// or the peer closed; a large body is then still on its way.
+std::string ReadHeaders(int inSocket) {
   std::string data;
-  const auto deadline = Clock::now() + std::chrono::seconds(10);
-  while (!inServer.Stopping() && Clock::now() < deadline) {
-    const auto headerEnd = data.find("\r\n\r\n");
-    if (headerEnd != std::string::npos && data.size() >= headerEnd + 4 + inBodyBytes) break;
-    pollfd pfd{inSocket, POLLIN, 0};
-    if (poll(&pfd, 1, 50) <= 0) continue;
-    char chunk[4096];
+  char chunk[4096];
+  while (data.find("\r\n\r\n") == std::string::npos) {
     const ssize_t got = recv(inSocket, chunk, sizeof chunk, 0);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) break;
@@ -95,49 +84,36 @@ void ResetOnClose(int inSocket) {
   setsockopt(inSocket, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
 }
 
-// The file names of the receiver's "kind=... file=NAME ..." lines, counted.
+// The file names of the receiver's "kind=... file=NAME bytes=..." lines, counted.
 Acks AcksFromLines(const Strings& inLines) {
   Acks acks;
-  for (const std::string& line : inLines) {
-    const auto start = line.find(" file=");
-    const auto end = line.find(" bytes=");
-    if (line.rfind("kind=", 0) == 0 && start != std::string::npos && end != std::string::npos)
-      ++acks[line.substr(start + 6, end - start - 6)];
-  }
+  char name[256];
+  for (const std::string& line : inLines)
+    if (std::sscanf(line.c_str(), "kind=%*s file=%255s bytes=", name) == 1) ++acks[name];
   return acks;
-}
-
-void AddAcks(Acks& ioTotal, const Acks& inMore) {
-  for (const auto& [name, count] : inMore) ioTotal[name] += count;
 }
 
 class FaultInjection : public AgentFixture {
  protected:
   FaultInjection() { std::filesystem::create_directories(mLogs); }
 
-  // Writes inCount logs "<inStem>_NNNN.log" of inSize bytes into the log
-  // folder, each with its own content. Returns their names.
+  // Writes inCount logs "<inStem>_NNNN.log" of inSize bytes, each with its
+  // own content, into the log folder. Returns their names.
   Strings WriteLogs(const std::string& inStem, int inCount, size_t inSize) {
     Strings names;
     for (int i = 0; i < inCount; ++i) {
       char name[64];
       std::snprintf(name, sizeof name, "%s_%04d.log", inStem.c_str(), i);
-      std::string content = std::string(name) + "\n";
-      while (content.size() < inSize) content += "line " + std::to_string(content.size()) + " of " + name + "\n";
-      content.resize(inSize);
+      std::string& content = mContents[name] = name;  // the name makes the content unique
+      content.resize(inSize, static_cast<char>('a' + i % 26));
       WriteLog(mLogs, name, content);
-      mContents[name] = content;
       names.push_back(name);
     }
     return names;
   }
 
-  std::string NewSpool() const {
-    static int serial = 0;
-    const std::string dir = mRoot / ("spool/s" + std::to_string(++serial));
-    std::filesystem::create_directories(dir);
-    return dir;
-  }
+  // A spool folder no receiver of this test has used (the receiver makes it).
+  std::string NewSpool() { return mRoot / ("spool" + std::to_string(++mSpools)); }
 
   // porvane -logDir=<the test's log folder> -receiverURL=inUrl, plus -noLock
   // unless inTakeLock.
@@ -152,45 +128,32 @@ class FaultInjection : public AgentFixture {
   // ends with status 1.
   void EndRetryWait(ChildProcess& ioAgent) const {
     std::this_thread::sleep_for(kSettleTime);
-    ASSERT_FALSE(ioAgent.Wait(0)) << "the agent should be waiting to retry; status " << ioAgent.ExitCode()
-                                  << ", stderr: " << ioAgent.Stderr();
+    ASSERT_FALSE(ioAgent.Wait(0)) << "not waiting to retry; status " << ioAgent.ExitCode() << ioAgent.Stderr();
     ioAgent.Signal(SIGTERM);
     ASSERT_TRUE(ioAgent.Wait(10000)) << "SIGTERM did not end the retry wait";
     EXPECT_EQ(ioAgent.ExitCode(), 1) << ioAgent.Stderr();
     EXPECT_EQ(ioAgent.Stderr(), "");
   }
 
-  // The count: every file written is acknowledged or still in the folder, with
-  // its content unchanged; nothing else is in the folder; a file is
-  // acknowledged at most once; and at most inInFlight files (answered just as
-  // the run was cut off) are both acknowledged and still present. Returns the
-  // names still present.
-  std::set<std::string> ExpectNoneLost(const Strings& inWritten, const Acks& inAcks, size_t inInFlight) const {
+  // The count: every file written is either acknowledged (once) or still in
+  // the folder, never both; nothing else is in the folder. (Kept files are
+  // shown unchanged by the copies DeliverTheRest compares.) Returns the names still present.
+  std::set<std::string> ExpectNoneLost(const Strings& inWritten, const Acks& inAcks) const {
     const Strings present = Names(mLogs);
-    const std::set<std::string> presentSet(present.begin(), present.end());
-    size_t both = 0;
+    const std::set<std::string> kept(present.begin(), present.end()), known(inWritten.begin(), inWritten.end());
     for (const std::string& name : inWritten) {
-      const auto ack = inAcks.find(name);
-      const int acked = ack == inAcks.end() ? 0 : ack->second;
-      const bool kept = presentSet.count(name) == 1;
-      EXPECT_TRUE(kept || acked > 0) << name << " was lost";
+      const int acked = inAcks.count(name) == 1 ? inAcks.at(name) : 0;
+      EXPECT_NE(kept.count(name) == 1, acked > 0) << name << ": lost, or acknowledged yet kept";
       EXPECT_LE(acked, 1) << name << " was delivered " << acked << " times";
-      if (kept) {
-        EXPECT_EQ(ReadFile(mLogs + "/" + name), mContents.at(name)) << name << " changed";
-        if (acked > 0) ++both;
-      }
     }
-    EXPECT_LE(both, inInFlight) << "files acknowledged yet kept";
-    for (const std::string& name : present)
-      EXPECT_TRUE(std::find(inWritten.begin(), inWritten.end(), name) != inWritten.end()) << "stray " << name;
-    for (const auto& [name, count] : inAcks)
-      EXPECT_TRUE(std::find(inWritten.begin(), inWritten.end(), name) != inWritten.end()) << "unknown ack " << name;
-    return presentSet;
+    for (const std::string& name : present) EXPECT_EQ(known.count(name), 1u) << "stray " << name;
+    return kept;
   }
 
   // Delivers what is left to a fresh reference receiver in one pass, checks
-  // the stored copies and returns the receiver's acknowledgements.
-  Acks DeliverTheRest(bool inTakeLock = false) const {
+  // the stored copies, adds the receiver's acknowledgements to ioAcks and
+  // counts every file of inWritten.
+  void DeliverTheRest(const Strings& inWritten, Acks& ioAcks, bool inTakeLock = false) {
     const std::string spool = NewSpool();
     ReceiverProcess receiver(spool);
     const Strings left = Names(mLogs);
@@ -201,28 +164,27 @@ class FaultInjection : public AgentFixture {
     const Acks acks = AcksFromLines(receiver.WaitForLines(left.size()));
     EXPECT_EQ(acks.size(), left.size());
     for (const std::string& name : left) EXPECT_EQ(ReadFile(spool + "/" + name), mContents.at(name)) << name;
-    return acks;
+    for (const auto& [name, count] : acks) ioAcks[name] += count;
+    ExpectNoneLost(inWritten, ioAcks);
   }
 
+  // Not the default log folder, where the folder size limit would trim files.
   const std::string mLogs = mRoot / "logs";
   std::map<std::string, std::string> mContents;
+  int mSpools = 0;
 };
 
 // One misbehaving peer per case: the agent makes exactly one attempt, keeps
 // every file, waits to retry and ends with 1 on SIGTERM; a later pass against
 // a sound receiver delivers all of them once.
 TEST_F(FaultInjection, BrokenExchangesKeepEveryFileForTheNextPass) {
-  using Handler = std::function<void(int, RawServer&)>;
-  const std::string kHead = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n";
-  const std::vector<std::pair<std::string, Handler>> faults = {
+  const std::vector<std::pair<std::string, RawServer::Handler>> faults = {
       {"reset mid-request",
-       [](int inSocket, RawServer& inServer) {
-         const std::string part = ReadHeadersAndSome(inSocket, inServer, 4096);
-         EXPECT_NE(part.find("\r\n\r\n"), std::string::npos);
+       [](int inSocket, RawServer&) {
+         EXPECT_NE(ReadHeaders(inSocket).find("\r\n\r\n"), std::string::npos);
          ResetOnClose(inSocket);
        }},
-      {"close after the headers",
-       [](int inSocket, RawServer& inServer) { ReadHeadersAndSome(inSocket, inServer, 0); }},
+      {"close after the headers", [](int inSocket, RawServer&) { ReadHeaders(inSocket); }},
       {"500 with an empty body",
        [](int inSocket, RawServer& inServer) {
          inServer.ReadRequest(inSocket);
@@ -232,21 +194,16 @@ TEST_F(FaultInjection, BrokenExchangesKeepEveryFileForTheNextPass) {
        [](int inSocket, RawServer& inServer) {
          inServer.ReadRequest(inSocket);
          std::mt19937 bytes(7);
-         std::string garbage;
-         for (int i = 0; i < 2048; ++i) garbage.push_back(static_cast<char>(bytes() & 0xff));
+         std::string garbage(2048, '\0');
+         for (char& byte : garbage) byte = static_cast<char>(bytes() & 0xff);
          RawServer::WriteAll(inSocket, garbage);
-       }},
-      {"a valid head with a body that hides the word behind a zero byte",
-       [kHead](int inSocket, RawServer& inServer) {
-         inServer.ReadRequest(inSocket);
-         RawServer::WriteAll(inSocket, kHead + std::string("\0Active\xff\xfe", 9));
        }},
       {"a reply trickled a byte a second",
        // Only the first chunk of a reply is dependable; "Active" arriving one
        // byte per chunk is not understood, so the file must stay.
-       [kHead](int inSocket, RawServer& inServer) {
+       [](int inSocket, RawServer& inServer) {
          inServer.ReadRequest(inSocket);
-         RawServer::WriteAll(inSocket, kHead);
+         RawServer::WriteAll(inSocket, "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n");
          for (char byte : std::string("Active")) {
            if (inServer.Stopping() || !RawServer::WriteAll(inSocket, std::string(1, byte))) return;
            std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -267,12 +224,10 @@ TEST_F(FaultInjection, BrokenExchangesKeepEveryFileForTheNextPass) {
     auto agent = StartAgent(server.Url());
     ASSERT_TRUE(Eventually([&] { return served.load() > 0; }, 20000)) << "the fault was never served";
     EndRetryWait(*agent);
-
     EXPECT_EQ(server.Connections(), 1) << "one attempt before the retry wait";
-    const auto kept = ExpectNoneLost(written, {}, 0);
-    EXPECT_EQ(kept.size(), written.size());
-
-    ExpectNoneLost(written, DeliverTheRest(), 0);
+    EXPECT_EQ(ExpectNoneLost(written, {}).size(), written.size());
+    Acks acks;
+    DeliverTheRest(written, acks);
   }
 }
 
@@ -291,86 +246,54 @@ TEST_F(FaultInjection, ReceiverKilledMidRunLosesNothing) {
     auto agent = StartAgent(receiver.Url());
     ASSERT_GE(receiver.WaitForLines(4, 30000).size(), 4u);
     receiver.Kill();
-    lines = receiver.WaitForLines(0, 0);
+    lines = receiver.Lines();
     EndRetryWait(*agent);
   }
   Acks answered = AcksFromLines(lines);
   ASSERT_EQ(answered.size(), lines.size()) << "one line per file";
   const std::string unanswered = AcksFromLines({lines.back()}).begin()->first;
   answered.erase(unanswered);
-  const auto kept = ExpectNoneLost(written, answered, 0);
+  const auto kept = ExpectNoneLost(written, answered);
   EXPECT_EQ(kept.count(unanswered), 1u) << "the file whose answer never came was removed";
   EXPECT_EQ(kept.size(), written.size() - answered.size());
 
-  AddAcks(answered, DeliverTheRest());
+  DeliverTheRest(written, answered);
   EXPECT_EQ(answered.size(), written.size());
-  ExpectNoneLost(written, answered, 0);
 }
 
-// The agent itself dies (SIGKILL) mid-upload. Holding the lock, it leaves the
-// lock behind: later agents give up on it until porvane-unlock clears it.
-// Without the lock it can be killed anywhere in a run. Either way the next
-// pass delivers the rest.
+// The agent dies (SIGKILL) mid-upload while holding the lock. It leaves the
+// lock behind: later agents give up on it until porvane-unlock clears it;
+// then the next pass delivers every file.
 TEST_F(FaultInjection, AgentKilledMidUploadLosesNothing) {
-  {
-    SCOPED_TRACE("killed while holding the lock, its transfer stalled");
-    const Strings written = WriteLogs("s", 3, 1024);
-    std::atomic<int> stalled{0};
-    RawServer server([&stalled](int inSocket, RawServer& inServer) {
-      inServer.ReadRequest(inSocket);
-      ++stalled;
-      inServer.WaitUntilStoppedOrClosed(inSocket);
-    });
-    ASSERT_TRUE(AgentLockIsFree()) << "another agent holds the lock";
-    auto agent = StartAgent(server.Url(), /*inTakeLock=*/true);
-    ASSERT_TRUE(Eventually([&] { return stalled.load() > 0; }));
-    agent->Signal(SIGKILL);
-    ASSERT_TRUE(agent->Wait(10000));
-    EXPECT_EQ(agent->TermSignal(), SIGKILL);
-    ExpectNoneLost(written, {}, 0);
+  const Strings written = WriteLogs("s", 3, 1024);
+  std::atomic<int> stalled{0};
+  RawServer server([&stalled](int inSocket, RawServer& inServer) {
+    inServer.ReadRequest(inSocket);
+    ++stalled;
+    inServer.WaitUntilStoppedOrClosed(inSocket);
+  });
+  ASSERT_TRUE(AgentLockIsFree()) << "another agent holds the lock";
+  auto agent = StartAgent(server.Url(), /*inTakeLock=*/true);
+  ASSERT_TRUE(Eventually([&] { return stalled.load() > 0; }));
+  agent->Signal(SIGKILL);
+  ASSERT_TRUE(agent->Wait(10000));
+  EXPECT_EQ(ExpectNoneLost(written, {}).size(), written.size());
 
-    EXPECT_FALSE(AgentLockIsFree()) << "a killed agent leaves its lock behind";
-    auto blocked = StartAgent(server.Url(), true);
-    ASSERT_TRUE(blocked->Wait(10000));
-    EXPECT_EQ(blocked->ExitCode(), 1);
-    EXPECT_EQ(server.Connections(), 1) << "an agent without the lock uploads nothing";
+  EXPECT_FALSE(AgentLockIsFree()) << "a killed agent leaves its lock behind";
+  auto blocked = StartAgent(server.Url(), true);
+  ASSERT_TRUE(blocked->Wait(10000));
+  EXPECT_EQ(blocked->ExitCode(), 1);
+  EXPECT_EQ(server.Connections(), 1) << "an agent without the lock uploads nothing";
 
-    auto unlock = ChildProcess({std::string(PORVANE_BINARY_DIR) + "/bin/porvane-unlock"}, mEnv, mRoot / "tmp");
-    ASSERT_TRUE(unlock.Wait(10000));
-    EXPECT_EQ(unlock.ExitCode(), 0) << unlock.Stderr();
-    EXPECT_EQ(unlock.Stdout().rfind("porvane-unlock: removed lock \"TarvoUsageTrackerFileUploadLocker\"", 0), 0u)
-        << unlock.Stdout();
+  auto unlock = ChildProcess({std::string(PORVANE_BINARY_DIR) + "/bin/porvane-unlock"}, mEnv, mRoot / "tmp");
+  ASSERT_TRUE(unlock.Wait(10000));
+  EXPECT_EQ(unlock.ExitCode(), 0) << unlock.Stderr();
+  EXPECT_EQ(unlock.Stdout().rfind("porvane-unlock: removed lock \"TarvoUsageTrackerFileUploadLocker\"", 0), 0u)
+      << unlock.Stdout();
 
-    ExpectNoneLost(written, DeliverTheRest(/*inTakeLock=*/true), 0);
-    EXPECT_TRUE(AgentLockIsFree());
-  }
-  {
-    SCOPED_TRACE("killed at some point of a run");
-    const Strings written = WriteLogs("r", 300, 2048);
-    Acks acks;
-    {
-      ReceiverProcess receiver(NewSpool(), "", {"--delay-ms", "20"});
-      auto agent = StartAgent(receiver.Url());
-      ASSERT_GE(receiver.WaitForLines(50, 30000).size(), 50u);
-      agent->Signal(SIGKILL);
-      ASSERT_TRUE(agent->Wait(10000));
-      EXPECT_EQ(agent->TermSignal(), SIGKILL);
-      std::this_thread::sleep_for(kSettleTime);
-      acks = AcksFromLines(receiver.WaitForLines(0, 0));
-    }
-    const auto kept = ExpectNoneLost(written, acks, 1);
-    EXPECT_FALSE(kept.empty()) << "the agent finished before it was killed";
-
-    AddAcks(acks, DeliverTheRest());
-    int twice = 0;
-    for (const std::string& name : written) {
-      ASSERT_EQ(acks.count(name), 1u) << name << " never delivered";
-      if (acks[name] == 2) ++twice;
-      acks[name] = 1;
-    }
-    EXPECT_LE(twice, 1);
-    ExpectNoneLost(written, acks, 0);
-  }
+  Acks acks;
+  DeliverTheRest(written, acks, /*inTakeLock=*/true);
+  EXPECT_TRUE(AgentLockIsFree());
 }
 
 // A thousand files and a receiver that fails one request in ten (a reset or
@@ -385,8 +308,8 @@ TEST_F(FaultInjection, ThousandFilesThroughAFlakyReceiver) {
   std::mt19937 random(20261122);
   std::mutex mutex;
   Acks acks;
-  int faults = 0, mismatches = 0;
-  std::atomic<int> faultsServed{0};
+  int mismatches = 0;
+  std::atomic<int> faults{0};
   RawServer server([&](int inSocket, RawServer& inServer) {
     const std::string request = inServer.ReadRequest(inSocket);
     const std::string name = UploadedName(request);
@@ -403,34 +326,29 @@ TEST_F(FaultInjection, ThousandFilesThroughAFlakyReceiver) {
       return;
     }
     ++faults;
-    ++faultsServed;
   });
 
   int passes = 0;
   while (!Names(mLogs).empty() && passes < kMaxPasses) {
     ++passes;
-    const int faultsBefore = faultsServed.load();
+    const int faultsBefore = faults.load();
     auto agent = StartAgent(server.Url());
-    ASSERT_TRUE(Eventually([&] { return faultsServed.load() > faultsBefore || agent->Wait(0); }, 30000))
+    ASSERT_TRUE(Eventually([&] { return faults.load() > faultsBefore || agent->Wait(0); }, 30000))
         << "pass " << passes << " hangs";
-    if (!agent->Wait(0)) {
-      // The fault was served for the file being handled, so its stop flag is
-      // set and only its retries end; SIGTERM never lands between files here.
-      agent->Signal(SIGTERM);
-      ASSERT_TRUE(agent->Wait(10000));
-      EXPECT_EQ(agent->ExitCode(), 1) << "pass " << passes;
-    } else {
-      EXPECT_EQ(agent->ExitCode(), 0) << "pass " << passes << ": " << agent->Stderr();
-    }
+    // A pass still running was served a fault for the file it handles and
+    // waits to retry; SIGTERM never lands between files here.
+    const bool waiting = !agent->Wait(0);
+    if (waiting) agent->Signal(SIGTERM);
+    ASSERT_TRUE(agent->Wait(10000));
+    EXPECT_EQ(agent->ExitCode(), waiting ? 1 : 0) << "pass " << passes << ": " << agent->Stderr();
   }
 
   std::lock_guard<std::mutex> guard(mutex);
   EXPECT_TRUE(Names(mLogs).empty()) << "not delivered within " << kMaxPasses << " passes";
-  EXPECT_GT(faults, 50) << "the receiver should have failed about one request in ten";
+  EXPECT_GT(faults.load(), 50) << "the receiver should have failed about one request in ten";
   EXPECT_EQ(mismatches, 0) << "requests whose body did not carry their file";
   EXPECT_EQ(acks.size(), static_cast<size_t>(kFiles));
-  ExpectNoneLost(written, acks, 0);
-  std::printf("%d files in %d passes, %d faults served\n", kFiles, passes, faults);
+  ExpectNoneLost(written, acks);
 }
 
 }  // namespace
