@@ -1,17 +1,17 @@
-#include "agent/AgentMain.h"
+#include "AgentMain.h"
 
 #include <csignal>
 #include <memory>
 #include <string>
 
-#include "agent/CommandLineOptions.h"
-#include "agent/TerminateSignal.h"
-#include "agent/UploadRun.h"
-#include "lock/AgentLock.h"
-#include "lock/ResourceLocker.h"
-#include "settings/Locations.h"
-#include "settings/LogFolderLimit.h"
-#include "settings/SettingsFile.h"
+#include "CommandLineOptions.h"
+#include "TerminateSignal.h"
+#include "UploadRun.h"
+#include "AgentLock.h"
+#include "ResourceLocker.h"
+#include "Locations.h"
+#include "LogFolderLimit.h"
+#include "SettingsFile.h"
 
 const char* const kBuiltInReceiverUrl = "https://collect.tarvo.example/glowmark/FileDataCaptureServlet";
 

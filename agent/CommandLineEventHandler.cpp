@@ -1,4 +1,4 @@
-#include "agent/CommandLineEventHandler.h"
+#include "CommandLineEventHandler.h"
 
 namespace qvd {
 

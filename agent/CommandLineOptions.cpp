@@ -1,7 +1,7 @@
-#include "agent/CommandLineOptions.h"
+#include "CommandLineOptions.h"
 
-#include "agent/CommandLineEventHandler.h"
-#include "agent/CommandLineTokenParser.h"
+#include "CommandLineEventHandler.h"
+#include "CommandLineTokenParser.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "agent/CommandLineOptions.h"
+#include "CommandLineOptions.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/ScopedEnvironment.h"
+#include "ScopedEnvironment.h"
 
 namespace {
 

@@ -38,8 +38,8 @@
 #ifndef PORVANE_AGENT_COMMANDLINETOKENPARSER_H
 #define PORVANE_AGENT_COMMANDLINETOKENPARSER_H
 
-#include "agent/CommandLineEventHandler.h"
-#include "include/SemanticHandler.h"
+#include "CommandLineEventHandler.h"
+#include "SemanticHandler.h"
 
 #include <boost/spirit/include/classic.hpp>
 

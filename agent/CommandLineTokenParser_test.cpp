@@ -1,7 +1,7 @@
-#include "agent/CommandLineTokenParser.h"
+#include "CommandLineTokenParser.h"
 
-#include "agent/CommandLineEventHandler.h"
-#include "include/SemanticHandler.h"
+#include "CommandLineEventHandler.h"
+#include "SemanticHandler.h"
 
 #include <gtest/gtest.h>
 

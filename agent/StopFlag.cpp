@@ -1,6 +1,6 @@
-#include "agent/StopFlag.h"
+#include "StopFlag.h"
 
-#include "source/FileSystemUtils.h"
+#include "FileSystemUtils.h"
 
 std::atomic<StopFlag*> activeStopFlag{nullptr};
 

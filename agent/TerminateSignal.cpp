@@ -1,6 +1,6 @@
-#include "agent/TerminateSignal.h"
+#include "TerminateSignal.h"
 
-#include "agent/StopFlag.h"
+#include "StopFlag.h"
 
 void OnTerminateSignal(int /*inSignal*/) {
   StopFlag* flag = activeStopFlag.load();

@@ -1,4 +1,4 @@
-#include "agent/UploadRun.h"
+#include "UploadRun.h"
 
 #include <unistd.h>
 
@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <memory>
 
-#include "settings/UsageStatus.h"
-#include "upload/Uploader.h"
+#include "UsageStatus.h"
+#include "Uploader.h"
 
 namespace fs = std::filesystem;
 

@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <string>
 
-#include "agent/StopFlag.h"
+#include "StopFlag.h"
 
 // Results of one attempt, and of the retries of one file.
 constexpr int UploadDone = 0;         // "Active" or "Delete": file removed

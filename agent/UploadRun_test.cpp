@@ -1,4 +1,4 @@
-#include "agent/UploadRun.h"
+#include "UploadRun.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -19,12 +19,12 @@
 #include <thread>
 #include <vector>
 
-#include "agent/StopFlag.h"
-#include "agent/TerminateSignal.h"
-#include "tests/support/RawServer.h"
-#include "tests/support/ReceiverProcess.h"
-#include "tests/support/ScopedEnvironment.h"
-#include "tests/support/TempDir.h"
+#include "StopFlag.h"
+#include "TerminateSignal.h"
+#include "RawServer.h"
+#include "ReceiverProcess.h"
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;

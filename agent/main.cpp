@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "agent/AgentMain.h"
+#include "AgentMain.h"
 
 int main(int argc, char** argv) {
   try {

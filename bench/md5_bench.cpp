@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "source/MD5Hash.h"
+#include "MD5Hash.h"
 
 namespace {
 

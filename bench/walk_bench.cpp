@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <string>
 
-#include "agent/UploadRun.h"
-#include "tests/support/ReceiverProcess.h"
-#include "tests/support/TempDir.h"
+#include "UploadRun.h"
+#include "ReceiverProcess.h"
+#include "TempDir.h"
 
 int main(int argc, char** argv) {
   const int files = argc > 1 ? std::atoi(argv[1]) : 1000;

@@ -1,42 +1,48 @@
 # Helpers shared by the component folders.
+#
+# The layers, each a static library that links exactly what it uses:
+#   pv_agent    -> pv_upload, pv_settings, pv_lock, pv_support
+#   pv_upload   -> pv_support          pv_settings -> pv_support
+#   pv_lock     -> pv_support          pv_receiver -> pv_settings, pv_support
+#   pv_support  -> system libraries only
+# A component sees its own folder and the public folders of what it links,
+# never the whole tree, so an include across layers that is not declared
+# here fails to compile.
 
-set(PORVANE_COMPONENTS "" CACHE INTERNAL "")
-
-# porvane_component(NAME SOURCES ... [DEPENDS libs...])
-# Declares an object library for one component of porvane_core. DEPENDS lists
-# what its code needs (other components' objects are linked by the users).
+# porvane_component(NAME SOURCES ... [INCLUDE dirs] [PRIVATE_INCLUDE dirs]
+#                   [DEPENDS libs...] [PRIVATE_DEPENDS libs...])
+# INCLUDE (default: the component's own folder) is what its users see.
+# DEPENDS are passed on to users (their headers appear in ours);
+# PRIVATE_DEPENDS are used by the sources alone.
 function(porvane_component name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
-  add_library(${name} OBJECT ${ARG_SOURCES})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
-  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS})
-  set(PORVANE_COMPONENTS ${PORVANE_COMPONENTS} ${name} CACHE INTERNAL "")
+  cmake_parse_arguments(ARG "" "" "SOURCES;INCLUDE;PRIVATE_INCLUDE;DEPENDS;PRIVATE_DEPENDS" ${ARGN})
+  if(NOT ARG_INCLUDE)
+    set(ARG_INCLUDE ${CMAKE_CURRENT_SOURCE_DIR})
+  endif()
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${ARG_INCLUDE} PRIVATE ${ARG_PRIVATE_INCLUDE})
+  target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
 endfunction()
 
-# porvane_test(NAME SOURCES ... [LINK libs...] [LABELS ...] [RESOURCE_LOCK name])
+# porvane_test(NAME SOURCES ... [LINK libs...] [LABELS ...])
 # A GoogleTest executable registered with CTest, one CTest entry per test.
-# LINK names the components (object libraries) and libraries it needs;
-# RESOURCE_LOCK keeps its tests from running beside others holding the same
-# machine-wide resource (the agent's lock) under ctest -j.
+# LINK names the components and libraries it needs; a test sees the same
+# headers its components show their users, plus the test helpers.
 function(porvane_test name)
-  cmake_parse_arguments(ARG "" "RESOURCE_LOCK" "SOURCES;LINK;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK;LABELS" ${ARGN})
   if(NOT PORVANE_TESTS)
     return()
   endif()
   add_executable(${name} ${ARG_SOURCES})
-  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
-  target_link_libraries(${name} PRIVATE ${ARG_LINK} GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} pv_testsupport GTest::gtest GTest::gmock GTest::gtest_main
+                                        Threads::Threads)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PORVANE_TEST_OUTPUT_DIRECTORY})
   target_compile_definitions(${name} PRIVATE
     PORVANE_BINARY_DIR="${CMAKE_BINARY_DIR}"
     PORVANE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
-  # An empty value would shift the property pairs: pass only those given.
   set(properties TIMEOUT 300)
   if(ARG_LABELS)
     list(APPEND properties LABELS "${ARG_LABELS}")
-  endif()
-  if(ARG_RESOURCE_LOCK)
-    list(APPEND properties RESOURCE_LOCK "${ARG_RESOURCE_LOCK}")
   endif()
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "agent/CommandLineOptions.h"
-#include "fuzz/FuzzScratch.h"
+#include "CommandLineOptions.h"
+#include "FuzzScratch.h"
 
 namespace {
 

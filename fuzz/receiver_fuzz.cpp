@@ -15,12 +15,12 @@
 #include <set>
 #include <string>
 
-#include "fuzz/FuzzScratch.h"
-#include "receiver/MultipartExtract.h"
-#include "receiver/ReplyPolicy.h"
-#include "receiver/Spool.h"
-#include "receiver/UploadHandler.h"
-#include "upload/Uploader_Curl.h"
+#include "FuzzScratch.h"
+#include "MultipartExtract.h"
+#include "ReplyPolicy.h"
+#include "Spool.h"
+#include "UploadHandler.h"
+#include "Uploader_Curl.h"
 
 namespace fs = std::filesystem;
 namespace http = boost::beast::http;

@@ -17,9 +17,9 @@
 
 #include <boost/date_time/gregorian/gregorian.hpp>
 
-#include "agent/UploadRun.h"
-#include "fuzz/FuzzScratch.h"
-#include "upload/Uploader.h"
+#include "UploadRun.h"
+#include "FuzzScratch.h"
+#include "Uploader.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <set>
 #include <string>
 
-#include "fuzz/FuzzScratch.h"
-#include "settings/SettingsFile.h"
+#include "FuzzScratch.h"
+#include "SettingsFile.h"
 
 namespace {
 

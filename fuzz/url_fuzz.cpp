@@ -11,8 +11,8 @@
 #include <optional>
 #include <string>
 
-#include "fuzz/FuzzScratch.h"
-#include "upload/Uploader_Curl.h"
+#include "FuzzScratch.h"
+#include "Uploader_Curl.h"
 
 namespace {
 

@@ -33,7 +33,7 @@
 #include <string>
 #include <type_traits>
 
-#include "include/Assert.h"
+#include "Assert.h"
 
 namespace qvd {
 namespace format_detail {

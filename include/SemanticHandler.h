@@ -21,7 +21,7 @@
 #ifndef PORVANE_INCLUDE_SEMANTICHANDLER_H
 #define PORVANE_INCLUDE_SEMANTICHANDLER_H
 
-#include "include/Assert.h"
+#include "Assert.h"
 
 namespace qvd {
 

@@ -1,8 +1,8 @@
-#include "lock/LockSemaphoreName.h"
+#include "LockSemaphoreName.h"
 
 #include <algorithm>
 
-#include "source/MD5Hash.h"
+#include "MD5Hash.h"
 
 namespace qvd {
 

@@ -1,4 +1,4 @@
-#include "lock/Microseconds.h"
+#include "Microseconds.h"
 
 #include <time.h>
 

@@ -1,4 +1,4 @@
-#include "lock/ResourceLockExceptions.h"
+#include "ResourceLockExceptions.h"
 
 namespace qvd {
 

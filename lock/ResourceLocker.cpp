@@ -1,6 +1,6 @@
-#include "lock/ResourceLocker.h"
+#include "ResourceLocker.h"
 
-#include "lock/ResourceLockerPlat.h"
+#include "ResourceLockerPlat.h"
 
 namespace qvd {
 

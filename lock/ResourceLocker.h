@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "lock/LockPolicyInterface.h"
-#include "lock/ResourceLockExceptions.h"
+#include "LockPolicyInterface.h"
+#include "ResourceLockExceptions.h"
 
 namespace qvd {
 

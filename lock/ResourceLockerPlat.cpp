@@ -1,10 +1,10 @@
-#include "lock/ResourceLockerPlat.h"
+#include "ResourceLockerPlat.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "lock/LockSemaphoreName.h"
-#include "lock/Microseconds.h"
+#include "LockSemaphoreName.h"
+#include "Microseconds.h"
 
 namespace qvd {
 

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <string>
 
-#include "lock/ResourceLocker.h"
-#include "source/posix/oru/ORUSysAccessor.h"
+#include "ResourceLocker.h"
+#include "ORUSysAccessor.h"
 
 namespace qvd {
 

@@ -1,4 +1,4 @@
-#include "lock/ResourceLocker.h"
+#include "ResourceLocker.h"
 
 #include <fcntl.h>
 #include <semaphore.h>
@@ -12,9 +12,9 @@
 #include <cstdio>
 #include <string>
 
-#include "lock/AgentLock.h"
-#include "lock/LockSemaphoreName.h"
-#include "lock/Microseconds.h"
+#include "AgentLock.h"
+#include "LockSemaphoreName.h"
+#include "Microseconds.h"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include <exception>
 #include <string>
 
-#include "lock/AgentLock.h"
-#include "lock/LockSemaphoreName.h"
-#include "lock/ResourceLocker.h"
+#include "AgentLock.h"
+#include "LockSemaphoreName.h"
+#include "ResourceLocker.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "receiver/LinePrinter.h"
+#include "LinePrinter.h"
 
 void LinePrinter::Print(const std::string& inLine) {
   std::lock_guard<std::mutex> lock(mMutex);

@@ -1,4 +1,4 @@
-#include "receiver/MultipartExtract.h"
+#include "MultipartExtract.h"
 
 #include <algorithm>
 #include <cctype>

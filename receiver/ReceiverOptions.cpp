@@ -1,4 +1,4 @@
-#include "receiver/ReceiverOptions.h"
+#include "ReceiverOptions.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -16,10 +16,10 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/ChildProcess.h"
-#include "tests/support/RawServer.h"
-#include "tests/support/ReceiverProcess.h"
-#include "tests/support/TempDir.h"
+#include "ChildProcess.h"
+#include "RawServer.h"
+#include "ReceiverProcess.h"
+#include "TempDir.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "receiver/ReceiverServer.h"
+#include "ReceiverServer.h"
 
 #include <algorithm>
 #include <atomic>
@@ -15,8 +15,8 @@
 #include <thread>
 #include <vector>
 
-#include "receiver/LinePrinter.h"
-#include "receiver/UploadHandler.h"
+#include "LinePrinter.h"
+#include "UploadHandler.h"
 
 namespace net = boost::asio;
 namespace beast = boost::beast;

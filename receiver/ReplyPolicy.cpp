@@ -1,4 +1,4 @@
-#include "receiver/ReplyPolicy.h"
+#include "ReplyPolicy.h"
 
 #include <fstream>
 

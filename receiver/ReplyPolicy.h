@@ -10,7 +10,7 @@
 
 #include <string>
 
-#include "settings/SettingsFile.h"
+#include "SettingsFile.h"
 
 // The kind of a log file: its name up to the first "_", or the whole name
 // when it has none ("u123_20080115.log" is of kind "u123").

@@ -1,4 +1,4 @@
-#include "receiver/Spool.h"
+#include "Spool.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "include/Assert.h"
+#include "Assert.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
-#include "receiver/UploadHandler.h"
+#include "UploadHandler.h"
 
 #include <boost/beast/http/field.hpp>
 #include <boost/beast/http/verb.hpp>
 #include <cstdio>
 #include <cstring>
 
-#include "receiver/MultipartExtract.h"
+#include "MultipartExtract.h"
 
 namespace http = boost::beast::http;
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "receiver/ReplyPolicy.h"
-#include "receiver/Spool.h"
+#include "ReplyPolicy.h"
+#include "Spool.h"
 
 using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;
 using HttpResponse = boost::beast::http::response<boost::beast::http::string_body>;

@@ -1,4 +1,4 @@
-#include "receiver/UploadHandler.h"
+#include "UploadHandler.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <iterator>
 #include <string>
 
-#include "tests/support/TempDir.h"
+#include "TempDir.h"
 
 namespace http = boost::beast::http;
 

@@ -12,12 +12,12 @@
 #include <system_error>
 #include <vector>
 
-#include "receiver/LinePrinter.h"
-#include "receiver/ReceiverOptions.h"
-#include "receiver/ReceiverServer.h"
-#include "receiver/ReplyPolicy.h"
-#include "receiver/Spool.h"
-#include "receiver/UploadHandler.h"
+#include "LinePrinter.h"
+#include "ReceiverOptions.h"
+#include "ReceiverServer.h"
+#include "ReplyPolicy.h"
+#include "Spool.h"
+#include "UploadHandler.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
-#include "settings/Locations.h"
+#include "Locations.h"
 
 #include <cstring>
 #include <vector>
 
-#include "settings/SettingsFile.h"
-#include "source/FileSystemUtils.h"
-#include "source/posix/FolderFinder.h"
+#include "SettingsFile.h"
+#include "FileSystemUtils.h"
+#include "FolderFinder.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "settings/Locations.h"
+#include "Locations.h"
 
 #include <gtest/gtest.h>
 
@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "source/FileSystemUtils.h"
-#include "source/posix/testdata/ChildRun.h"
-#include "tests/support/ChildProcess.h"
-#include "tests/support/ScopedEnvironment.h"
-#include "tests/support/TempDir.h"
+#include "FileSystemUtils.h"
+#include "ChildRun.h"
+#include "ChildProcess.h"
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "settings/LogFolderLimit.h"
+#include "LogFolderLimit.h"
 
 #include <algorithm>
 #include <chrono>
@@ -11,7 +11,7 @@
 #include <system_error>
 #include <vector>
 
-#include "settings/Locations.h"
+#include "Locations.h"
 
 namespace fs = std::filesystem;
 

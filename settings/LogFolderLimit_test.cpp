@@ -1,4 +1,4 @@
-#include "settings/LogFolderLimit.h"
+#include "LogFolderLimit.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/ScopedEnvironment.h"
-#include "tests/support/TempDir.h"
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
 
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-#include "settings/SettingsFile.h"
+#include "SettingsFile.h"
 
 #include <cctype>
 #include <cerrno>

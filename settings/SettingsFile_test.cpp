@@ -1,4 +1,4 @@
-#include "settings/SettingsFile.h"
+#include "SettingsFile.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <random>
 #include <string>
 
-#include "tests/support/TempDir.h"
+#include "TempDir.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
-#include "settings/UsageStatus.h"
+#include "UsageStatus.h"
 
 #include <exception>
 #include <string>
 
 #include <boost/date_time/gregorian/gregorian.hpp>
 
-#include "settings/Locations.h"
-#include "settings/SettingsFile.h"
+#include "Locations.h"
+#include "SettingsFile.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "settings/UsageStatus.h"
+#include "UsageStatus.h"
 
 #include <gtest/gtest.h>
 
@@ -7,9 +7,9 @@
 
 #include <boost/date_time/gregorian/gregorian.hpp>
 
-#include "source/FileSystemUtils.h"
-#include "tests/support/ScopedEnvironment.h"
-#include "tests/support/TempDir.h"
+#include "FileSystemUtils.h"
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "include/Assert.h"
+#include "Assert.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "include/FormatString.h"
+#include "FormatString.h"
 
 #include <gtest/gtest.h>
 

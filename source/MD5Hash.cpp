@@ -1,10 +1,10 @@
-#include "source/MD5Hash.h"
+#include "MD5Hash.h"
 
 #include <cstring>
 #include <iterator>
 #include <vector>
 
-#include "include/Assert.h"
+#include "Assert.h"
 
 namespace {
 

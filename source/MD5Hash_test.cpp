@@ -1,4 +1,4 @@
-#include "source/MD5Hash.h"
+#include "MD5Hash.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "source/Utf8Text.h"
+#include "Utf8Text.h"
 
 #include <cstddef>
 

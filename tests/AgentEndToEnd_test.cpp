@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <thread>
 
-#include "lock/AgentLock.h"
-#include "lock/ResourceLocker.h"
-#include "tests/AgentFixture.h"
-#include "tests/support/RawServer.h"
-#include "tests/support/ReceiverProcess.h"
+#include "AgentLock.h"
+#include "ResourceLocker.h"
+#include "AgentFixture.h"
+#include "RawServer.h"
+#include "ReceiverProcess.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tests/AgentFixture.h"
+#include "AgentFixture.h"
 
 #include <sys/stat.h>
 #include <utime.h>

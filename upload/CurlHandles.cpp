@@ -1,4 +1,4 @@
-#include "upload/CurlHandles.h"
+#include "CurlHandles.h"
 
 namespace {
 

@@ -14,13 +14,13 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/ChildProcess.h"
-#include "tests/support/RawServer.h"
-#include "tests/support/ReceiverProcess.h"
-#include "tests/support/ScopedEnvironment.h"
-#include "tests/support/TempDir.h"
-#include "upload/Uploader.h"
-#include "upload/Uploader_Curl.h"
+#include "ChildProcess.h"
+#include "RawServer.h"
+#include "ReceiverProcess.h"
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
+#include "Uploader.h"
+#include "Uploader_Curl.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "upload/Uploader_Curl.h"
+#include "Uploader_Curl.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -13,8 +13,8 @@
 #include <optional>
 #include <string>
 
-#include "upload/CurlHandles.h"
-#include "upload/Uploader.h"
+#include "CurlHandles.h"
+#include "Uploader.h"
 
 class Uploader_Curl final : public Uploader {
  public:

@@ -1,4 +1,4 @@
-#include "upload/Uploader_Curl.h"
+#include "Uploader_Curl.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <ctime>
 #include <string>
 
-#include "tests/support/TempDir.h"
+#include "TempDir.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "upload/Uploader.h"
+#include "Uploader.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "source/posix/DetachedProcess.h"
+#include "DetachedProcess.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,4 +1,4 @@
-#include "source/FileSystemUtils.h"
+#include "FileSystemUtils.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "include/Assert.h"
+#include "Assert.h"
 
 namespace FileSystemUtils {
 

@@ -1,4 +1,4 @@
-#include "source/FileSystemUtils.h"
+#include "FileSystemUtils.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "source/posix/testdata/ChildRun.h"
-#include "tests/support/TempDir.h"
+#include "ChildRun.h"
+#include "TempDir.h"
 
 namespace {
 

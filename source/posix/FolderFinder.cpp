@@ -1,4 +1,4 @@
-#include "source/posix/FolderFinder.h"
+#include "FolderFinder.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -8,8 +8,8 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include "include/Assert.h"
-#include "source/FileSystemUtils.h"
+#include "Assert.h"
+#include "FileSystemUtils.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "source/posix/FolderFinder.h"
+#include "FolderFinder.h"
 
 #include <gtest/gtest.h>
 
@@ -8,9 +8,9 @@
 #include <filesystem>
 #include <string>
 
-#include "source/FileSystemUtils.h"
-#include "tests/support/ScopedEnvironment.h"
-#include "tests/support/TempDir.h"
+#include "FileSystemUtils.h"
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
 
 namespace {
 
@@ -95,7 +95,7 @@ TEST(FolderFinderTest, MainBundleIsTheExecutablesPrefix) {
   EXPECT_TRUE(GetMainBundlePath(path) && path == build) << path;
   EXPECT_TRUE(GetMainBundleName(name) && name == FileSystemUtils::GetLeafName(build)) << name;
   EXPECT_TRUE(GetMainBundleParent(path) && path == FileSystemUtils::GetParentPath(build)) << path;
-  EXPECT_TRUE(GetMainExecutableName(name) && name == "fs_test") << name;
+  EXPECT_TRUE(GetMainExecutableName(name) && name == "support_test") << name;
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "source/posix/LoginWindowPList.h"
+#include "LoginWindowPList.h"
 
 #include <plist/plist.h>
 #include <sys/stat.h>
@@ -9,10 +9,10 @@
 #include <memory>
 #include <vector>
 
-#include "include/Assert.h"
-#include "source/FileSystemUtils.h"
-#include "source/Utf8Text.h"
-#include "source/posix/FolderFinder.h"
+#include "Assert.h"
+#include "FileSystemUtils.h"
+#include "Utf8Text.h"
+#include "FolderFinder.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "source/posix/LoginWindowPList.h"
+#include "LoginWindowPList.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -9,9 +9,9 @@
 #include <ctime>
 #include <string>
 
-#include "source/posix/testdata/PrivateUserFolders.h"
-#include "tests/support/ScopedEnvironment.h"
-#include "tests/support/TempDir.h"
+#include "PrivateUserFolders.h"
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "source/posix/SystemUtilsPosix.h"
+#include "SystemUtilsPosix.h"
 
 #include <fcntl.h>
 #include <sys/utsname.h>
@@ -13,14 +13,14 @@
 #include <iterator>
 #include <memory>
 
-#include "include/Assert.h"
-#include "include/FormatString.h"
-#include "source/FileSystemUtils.h"
-#include "source/MD5Hash.h"
-#include "source/Utf8Text.h"
-#include "source/posix/DetachedProcess.h"
-#include "source/posix/FolderFinder.h"
-#include "source/posix/LoginWindowPList.h"
+#include "Assert.h"
+#include "FormatString.h"
+#include "FileSystemUtils.h"
+#include "MD5Hash.h"
+#include "Utf8Text.h"
+#include "DetachedProcess.h"
+#include "FolderFinder.h"
+#include "LoginWindowPList.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "source/posix/SystemUtilsPosix.h"
+#include "SystemUtilsPosix.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <thread>
 
-#include "source/posix/FolderFinder.h"
-#include "source/posix/testdata/PrivateUserFolders.h"
-#include "tests/support/ScopedEnvironment.h"
-#include "tests/support/TempDir.h"
+#include "FolderFinder.h"
+#include "PrivateUserFolders.h"
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
 
 namespace {
 

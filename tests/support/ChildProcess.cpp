@@ -1,4 +1,4 @@
-#include "tests/support/ChildProcess.h"
+#include "ChildProcess.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "tests/support/TempDir.h"
+#include "TempDir.h"
 
 extern char** environ;
 

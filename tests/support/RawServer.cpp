@@ -1,4 +1,4 @@
-#include "tests/support/RawServer.h"
+#include "RawServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

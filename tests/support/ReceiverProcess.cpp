@@ -1,4 +1,4 @@
-#include "tests/support/ReceiverProcess.h"
+#include "ReceiverProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>

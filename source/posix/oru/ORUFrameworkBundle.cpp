@@ -1,10 +1,10 @@
-#include "source/posix/oru/ORUFrameworkBundle.h"
+#include "ORUFrameworkBundle.h"
 
 #include <dlfcn.h>
 
 #include <stdexcept>
 
-#include "include/Assert.h"
+#include "Assert.h"
 
 namespace qvd {
 

@@ -1,4 +1,4 @@
-#include "source/posix/oru/ORUFrameworkBundle.h"
+#include "ORUFrameworkBundle.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

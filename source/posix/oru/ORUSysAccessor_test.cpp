@@ -1,4 +1,4 @@
-#include "source/posix/oru/ORUSysAccessor.h"
+#include "ORUSysAccessor.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -17,8 +17,8 @@
 //  12 /
 // The user Library folder (where the logs live) is $XDG_STATE_HOME, else
 // ~/.local/state: FindLibraryFolder.
-#ifndef PORVANE_SOURCE_POSIX_FOLDERFINDER_H
-#define PORVANE_SOURCE_POSIX_FOLDERFINDER_H
+#ifndef PORVANE_INCLUDE_FOLDERFINDER_H
+#define PORVANE_INCLUDE_FOLDERFINDER_H
 
 #include <string>
 
@@ -50,4 +50,4 @@ bool GetMainBundleParent(std::string& outPath);
 // false when it cannot be read.
 bool GetMainExecutableName(std::string& outName);
 
-#endif  // PORVANE_SOURCE_POSIX_FOLDERFINDER_H
+#endif  // PORVANE_INCLUDE_FOLDERFINDER_H

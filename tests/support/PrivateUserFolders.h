@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "tests/support/ScopedEnvironment.h"
-#include "tests/support/TempDir.h"
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
 
 // HOME = <temp>/home, XDG_CONFIG_HOME = <temp>/config (preferences),
 // XDG_RUNTIME_DIR = <temp>/run (items removed at start-up). None of them is

@@ -6,8 +6,8 @@
 // Nothing here is used by the agent's upload pass except the environment
 // lookup. Only RequestRestart writes messages (to standard error); every other
 // function reports through its return value.
-#ifndef PORVANE_SOURCE_POSIX_SYSTEMUTILSPOSIX_H
-#define PORVANE_SOURCE_POSIX_SYSTEMUTILSPOSIX_H
+#ifndef PORVANE_INCLUDE_SYSTEMUTILSPOSIX_H
+#define PORVANE_INCLUDE_SYSTEMUTILSPOSIX_H
 
 #include <cstdint>
 #include <string>
@@ -116,4 +116,4 @@ std::string FormatKernelRelease(const std::string& inRelease);
 // level has one digit, so 10.4.11 can only show as 10.4.9.
 std::string FormatBCDVersion(uint32_t inVersion);
 
-#endif  // PORVANE_SOURCE_POSIX_SYSTEMUTILSPOSIX_H
+#endif  // PORVANE_INCLUDE_SYSTEMUTILSPOSIX_H

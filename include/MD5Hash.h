@@ -3,8 +3,8 @@
 // MD5Hash turns a text into a short token of fixed length: the base64 text of
 // the MD5 digest of its bytes. The lock uses it to name its semaphore, the
 // restart marker to name its file.
-#ifndef PORVANE_SOURCE_MD5HASH_H
-#define PORVANE_SOURCE_MD5HASH_H
+#ifndef PORVANE_INCLUDE_MD5HASH_H
+#define PORVANE_INCLUDE_MD5HASH_H
 
 #include <cstdint>
 #include <string>
@@ -78,4 +78,4 @@ Container& base64Encode(Iterator first, Iterator last, Container& out) {
 // REQUIRES: !inString.empty() (asserted).
 std::string MD5Hash(const std::string& inString);
 
-#endif  // PORVANE_SOURCE_MD5HASH_H
+#endif  // PORVANE_INCLUDE_MD5HASH_H

@@ -1,14 +1,14 @@
 // The C library functions the component library calls through pointers
 // resolved at run time, and the one process-wide table of them.
-#ifndef PORVANE_SOURCE_POSIX_ORU_ORUSYSACCESSOR_H
-#define PORVANE_SOURCE_POSIX_ORU_ORUSYSACCESSOR_H
+#ifndef PORVANE_INCLUDE_ORUSYSACCESSOR_H
+#define PORVANE_INCLUDE_ORUSYSACCESSOR_H
 
 #include <semaphore.h>
 #include <sys/types.h>
 
 #include <cstddef>
 
-#include "source/posix/oru/ORUFrameworkBundle.h"
+#include "ORUFrameworkBundle.h"
 
 namespace qvd {
 
@@ -78,4 +78,4 @@ class GlobalORUSysAccessor : public ORUSysAccessor {
 
 }  // namespace qvd
 
-#endif  // PORVANE_SOURCE_POSIX_ORU_ORUSYSACCESSOR_H
+#endif  // PORVANE_INCLUDE_ORUSYSACCESSOR_H

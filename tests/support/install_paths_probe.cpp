@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "settings/Locations.h"
+#include "Locations.h"
 
 int main() {
   std::string executable, config, container, maxSize;

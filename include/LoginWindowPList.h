@@ -11,8 +11,8 @@
 // normalised. The file is read whole and written back whole only when the
 // list changed; a failure leaves it as it was. There is no locking: two
 // writers at once can lose each other's change.
-#ifndef PORVANE_SOURCE_POSIX_LOGINWINDOWPLIST_H
-#define PORVANE_SOURCE_POSIX_LOGINWINDOWPLIST_H
+#ifndef PORVANE_INCLUDE_LOGINWINDOWPLIST_H
+#define PORVANE_INCLUDE_LOGINWINDOWPLIST_H
 
 #include <string>
 
@@ -34,4 +34,4 @@ bool AddLoginItem(const std::string& inAppPath);
 // write); false in the failure cases of AddLoginItem.
 bool RemoveLoginItem(const std::string& inAppPath);
 
-#endif  // PORVANE_SOURCE_POSIX_LOGINWINDOWPLIST_H
+#endif  // PORVANE_INCLUDE_LOGINWINDOWPLIST_H

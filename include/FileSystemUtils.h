@@ -5,8 +5,8 @@
 // directory. Only wrong use (empty arguments, a folder that is its own parent)
 // is caught, by assertions that abort. The implementation lives in
 // source/posix/FileSystemUtilsPosix.cpp.
-#ifndef PORVANE_SOURCE_FILESYSTEMUTILS_H
-#define PORVANE_SOURCE_FILESYSTEMUTILS_H
+#ifndef PORVANE_INCLUDE_FILESYSTEMUTILS_H
+#define PORVANE_INCLUDE_FILESYSTEMUTILS_H
 
 #include <string>
 
@@ -50,4 +50,4 @@ bool CreateDirectoryChain(const std::string& sDir);
 
 }  // namespace FileSystemUtils
 
-#endif  // PORVANE_SOURCE_FILESYSTEMUTILS_H
+#endif  // PORVANE_INCLUDE_FILESYSTEMUTILS_H

@@ -1,7 +1,7 @@
 // A shared library of the system, loaded at run time so that its symbols can
 // be looked up by name.
-#ifndef PORVANE_SOURCE_POSIX_ORU_ORUFRAMEWORKBUNDLE_H
-#define PORVANE_SOURCE_POSIX_ORU_ORUFRAMEWORKBUNDLE_H
+#ifndef PORVANE_INCLUDE_ORUFRAMEWORKBUNDLE_H
+#define PORVANE_INCLUDE_ORUFRAMEWORKBUNDLE_H
 
 #include <string>
 
@@ -36,4 +36,4 @@ class ORUFrameworkBundle {
 
 }  // namespace qvd
 
-#endif  // PORVANE_SOURCE_POSIX_ORU_ORUFRAMEWORKBUNDLE_H
+#endif  // PORVANE_INCLUDE_ORUFRAMEWORKBUNDLE_H
