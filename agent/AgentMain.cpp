@@ -2,58 +2,91 @@
 
 #include <csignal>
 #include <memory>
+#include <optional>
 #include <string>
 
-#include "CommandLineOptions.h"
-#include "TerminateSignal.h"
-#include "UploadRun.h"
 #include "AgentLock.h"
-#include "ResourceLocker.h"
+#include "CommandLineOptions.h"
 #include "Locations.h"
 #include "LogFolderLimit.h"
-#include "SettingsFile.h"
+#include "ResourceLocker.h"
+#include "TerminateSignal.h"
+#include "UploadRun.h"
+#include "UsageStatus.h"
 
 const char* const kBuiltInReceiverUrl = "https://collect.tarvo.example/glowmark/FileDataCaptureServlet";
 
 namespace {
 
-// The receiver named by the installation settings, else the built-in one.
-// Empty when the installation cannot be located: then there is no receiver
-// at all, even though a built-in URL exists.
-std::string ReceiverFromInstallation() {
-  std::string executablePath, configPath, containerPath;
-  if (GetInstallPaths(executablePath, configPath, containerPath) != 0) return std::string();
-  SettingsFile settings;
-  settings.Read(configPath);
-  std::string receiverUrl = settings.GetValue("System", "UploadURL");
-  if (receiverUrl.empty()) receiverUrl = kBuiltInReceiverUrl;
-  return receiverUrl;
-}
+// Where this pass's files are, each looked up at most once and only when a
+// step first needs it, after the lock is taken. The user's folders are made
+// by that look-up; the trim needs them whatever "logDir" says.
+class PassLocations {
+ public:
+  // Locates the installation and reads its settings file, once.
+  PassLocations() {
+    std::string executable, config, container;
+    mInstallStatus = GetInstallPaths(executable, config, container);
+    if (mInstallStatus == kLocationOk) mInstall = ReadInstallSettings(config);
+  }
+
+  // 0, or 4 when the running program cannot be located.
+  int InstallStatus() const { return mInstallStatus; }
+  // REQUIRES: InstallStatus() == 0.
+  const InstallSettings& Install() const { return mInstall; }
+
+  // GetUserPaths' answer, looked up on the first call.
+  int UserStatus() { return User().status; }
+  const std::string& SettingsFile() { return User().settingsFile; }
+  const std::string& DefaultLogFolder() { return User().logFolder; }
+
+ private:
+  struct UserPaths {
+    int status = kLocationNotFound;
+    std::string settingsFile;
+    std::string logFolder;
+  };
+
+  const UserPaths& User() {
+    if (!mUser) {
+      mUser.emplace();
+      mUser->status = GetUserPaths(mUser->settingsFile, mUser->logFolder);
+    }
+    return *mUser;
+  }
+
+  int mInstallStatus = kLocationNotFound;
+  InstallSettings mInstall;
+  std::optional<UserPaths> mUser;
+};
 
 // Resolves the log folder and the receiver and runs the upload. The receiver
 // option is consulted only when a log folder was found.
-int ResolveAndUpload(const CommandLineOptions& inOptions) {
+int ResolveAndUpload(const CommandLineOptions& inOptions, PassLocations& ioWhere) {
   std::string logFolder, receiverUrl;
   bool haveLogFolder = false;
   if (inOptions.HasOption("logDir")) {
     inOptions.GetOptionValue("logDir", logFolder);
     haveLogFolder = true;
-  } else {
-    std::string candidate;
-    if (GetDefaultLogFolder(candidate) == 0) {
-      logFolder = candidate;
-      haveLogFolder = true;
-    }
+  } else if (ioWhere.UserStatus() == kLocationOk) {
+    // Status 0 with the folder untouched (it could not be made, the settings
+    // folder could) gives an empty folder, which ends the pass below.
+    logFolder = ioWhere.DefaultLogFolder();
+    haveLogFolder = true;
   }
 
   if (haveLogFolder && inOptions.HasOption("receiverURL")) {
     inOptions.GetOptionValue("receiverURL", receiverUrl);
-  } else {
-    receiverUrl = ReceiverFromInstallation();
+  } else if (ioWhere.InstallStatus() == kLocationOk) {
+    // Without an installation there is no receiver at all, even though a
+    // built-in URL exists.
+    receiverUrl = ioWhere.Install().uploadUrl;
+    if (receiverUrl.empty()) receiverUrl = kBuiltInReceiverUrl;
   }
 
   if (!haveLogFolder || logFolder.empty() || receiverUrl.empty()) return 1;
-  return UploadLogFolder(receiverUrl, logFolder) == 0 ? 0 : 1;
+  const UsageStatusFile status(ioWhere.SettingsFile());
+  return UploadLogFolder(status, receiverUrl, logFolder) == 0 ? 0 : 1;
 }
 
 }  // namespace
@@ -69,8 +102,14 @@ int RunAgent(int argc, char** argv) {
 
   if (!noLock && !locker.lock()) return 1;  // not taken: nothing to release
 
-  EnforceLogFolderLimit();
-  const int exitStatus = ResolveAndUpload(*options);
+  PassLocations where;
+  // The trim always works on the default log folder; without an
+  // installation it has no ceiling and does nothing.
+  if (where.InstallStatus() == kLocationOk) {
+    const std::string logFolder = where.UserStatus() == kLocationOk ? where.DefaultLogFolder() : std::string();
+    EnforceLogFolderLimit(where.Install().maxTotalDirSize, logFolder);
+  }
+  const int exitStatus = ResolveAndUpload(*options, where);
 
   if (!noLock) locker.unlock(false);
   return exitStatus;

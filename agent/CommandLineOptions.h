@@ -40,9 +40,6 @@ class CommandLineOptions {
   // false and leaves outValue unchanged.
   bool GetOptionValue(const std::string& inName, std::string& outValue) const;
 
-  // The options of the command line alone, name to value, ordered byte-wise.
-  const OptionMap& Options() const { return mOptions; }
-
  private:
   OptionMap mOptions;
 };

@@ -2,21 +2,31 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 
-#include "UsageStatus.h"
+#include "LogFolderScan.h"
+#include "ReceiverReply.h"
+#include "StopFlag.h"
 #include "Uploader.h"
+#include "UsageStatus.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// Files being written carry this marker anywhere in their path.
-const char* const kUnfinishedMarker = ".tmp";
-// The characters that end the receiver's status word.
-const char* const kWordEnd = " \t\n\r";
+// Results of one attempt, and of the retries of one file.
+constexpr int UploadDone = 0;         // "Active" or "Delete": file removed
+constexpr int UploadFailed = 1;       // no answer, another word, or an unknown stored status: file kept
+constexpr int UploadHibernating = 2;  // stored or newly stored Hibernate: file removed
+constexpr int UploadDisabled = 3;     // stored or newly stored Disabled: file removed
+constexpr int StatusNotSaved = 4;     // new status could not be stored: file removed
+
+// What the walk hands to UploadWithRetry for each file.
+constexpr int kUploadAttempts = 10;
+constexpr int kFirstRetryDelayMs = 60000;
+
 // While an uploader that returned early is still busy: one long sleep,
 // which a delivered signal cuts short.
 const unsigned kFinishWaitSeconds = 1000;
@@ -37,6 +47,11 @@ std::string SectionOf(const std::string& inFilePath) {
   return sName.substr(0, underscore);
 }
 
+// The delay after inDelayMs: doubled in 32 bits without a cap. Unsigned
+// arithmetic makes the wrap well-defined; the conversion back is modular
+// (two's complement), as the shift it replaces.
+int32_t NextRetryDelay(int32_t inDelayMs) { return static_cast<int32_t>(static_cast<uint32_t>(inDelayMs) * 2u); }
+
 // Sleeps inSeconds one second at a time, leaving as soon as inStop is set.
 void WaitSeconds(const StopFlag& inStop, int inSeconds) {
   for (int i = 0; i < inSeconds; ++i) {
@@ -44,18 +59,6 @@ void WaitSeconds(const StopFlag& inStop, int inSeconds) {
     sleep(1);
     if (inStop.stopRequested.load()) return;
   }
-}
-
-// Handles an entry the walk has decided to upload. Returns the file's result,
-// or -1 when another file is still being handled.
-int HandleFile(const std::string& inReceiverUrl, const std::string& inFilePath) {
-  // Never holds in one run; guards the handler's single pointer.
-  if (activeStopFlag.load() != nullptr) return -1;
-  auto flag = std::make_unique<StopFlag>();
-  activeStopFlag.store(flag.get());
-  const int result = UploadWithRetry(flag.get(), inReceiverUrl, inFilePath, kUploadAttempts, kFirstRetryDelayMs);
-  activeStopFlag.store(nullptr);
-  return result;
 }
 
 // A stored status other than Active: the file goes unsent, or stays when the
@@ -73,87 +76,35 @@ int HandleStoredStatus(const StopFlag& inStop, const std::string& inFilePath, un
 }
 
 // Acts on the receiver's reply; removes the file for every understood word.
-int HandleReply(const StopFlag& inStop, const std::string& inSection, const std::string& inFilePath,
-                const std::string& inResponse) {
-  const std::string sWord = inResponse.substr(0, inResponse.find_first_of(kWordEnd));
+int HandleReply(const StopFlag& inStop, const UsageStatusFile& inStatus, const std::string& inSection,
+                const std::string& inFilePath, const std::string& inResponse) {
+  const ReceiverReply reply = InterpretReply(inResponse);
   int result = UploadFailed;
-  if (sWord == "Disabled") {
-    result = SetUsageStatus(inSection.c_str(), kUsageDisabled, 0) == 0 ? UploadDisabled : StatusNotSaved;
-  } else if (sWord == "Hibernate") {
-    // The days follow the first space; without one the whole reply is read,
-    // which gives 0 days.
-    const std::string::size_type space = inResponse.find(' ');
-    const std::string sRest = space == std::string::npos ? inResponse : inResponse.substr(space + 1);
-    const int days = std::atoi(sRest.c_str());
-    result = SetUsageStatus(inSection.c_str(), kUsageHibernate, days) == 0 ? UploadHibernating : StatusNotSaved;
-  } else if (sWord == "Active" || sWord == "Delete") {
-    result = UploadDone;
-  } else {
-    return UploadFailed;
+  switch (reply.word) {
+    case ReplyWord::kDisabled:
+      result = inStatus.SetUsageStatus(inSection.c_str(), kUsageDisabled, 0) == 0 ? UploadDisabled : StatusNotSaved;
+      break;
+    case ReplyWord::kHibernate:
+      result = inStatus.SetUsageStatus(inSection.c_str(), kUsageHibernate, reply.days) == 0 ? UploadHibernating
+                                                                                            : StatusNotSaved;
+      break;
+    case ReplyWord::kAccept:
+      result = UploadDone;
+      break;
+    case ReplyWord::kUnknown:
+      return UploadFailed;
   }
   inStop.RemoveFile(inFilePath);
   return result;
 }
 
-}  // namespace
-
-int32_t NextRetryDelay(int32_t inDelayMs) {
-  // Unsigned arithmetic makes the wrap well-defined; the conversion back is
-  // modular (two's complement), as the shift it replaces.
-  return static_cast<int32_t>(static_cast<uint32_t>(inDelayMs) * 2u);
-}
-
-int UploadLogFolder(const std::string& inReceiverUrl, const std::string& inLogFolder) {
-  const fs::path folder(inLogFolder);
-  if (!fs::exists(folder) || !fs::is_directory(folder)) return UploadFailed;
-
-  bool rescanned = false;
-  fs::directory_iterator entry(folder);
-  const fs::directory_iterator end;
-  for (;;) {
-    while (entry != end) {
-      const std::string sPath = entry->path().native();
-      bool handled = false;
-      int result = UploadDone;
-      if (!entry->is_directory() && sPath.find(kUnfinishedMarker) == std::string::npos) {
-        handled = true;
-        rescanned = false;
-        result = HandleFile(inReceiverUrl, sPath);
-      }
-      ++entry;
-      if (handled && !WalkGoesOn(result)) return UploadFailed;
-    }
-    // A pass that handled a file is followed by another, so files that came
-    // in meanwhile are sent too; the run ends after a pass that handled none.
-    if (rescanned) return UploadDone;
-    entry = fs::directory_iterator(folder);
-    if (entry == end) return UploadDone;
-    rescanned = true;
-  }
-}
-
-int UploadWithRetry(StopFlag* inStop, const std::string& inReceiverUrl, const std::string& inFilePath,
-                    int inAttempts, int inInitialDelayMs) {
-  // The count is only checked for being positive; it bounds nothing, so a
-  // failing file is retried until an answer is understood or SIGTERM comes.
-  if (inAttempts < 1) return UploadFailed;
-  int result = UploadFailed;
-  int32_t delay = inInitialDelayMs;
-  while (!inStop->stopRequested.load()) {
-    result = UploadOneFile(inStop, inReceiverUrl, inFilePath);
-    if (WalkGoesOn(result)) return result;
-    if (inStop->stopRequested.load()) return result;
-    WaitSeconds(*inStop, delay / 1000);
-    delay = NextRetryDelay(delay);
-  }
-  return result;
-}
-
-int UploadOneFile(StopFlag* inStop, const std::string& inReceiverUrl, const std::string& inFilePath) {
+// One attempt for inFilePath.
+int UploadOneFile(StopFlag* inStop, const UsageStatusFile& inStatus, const std::string& inReceiverUrl,
+                  const std::string& inFilePath) {
   const std::string sSection = SectionOf(inFilePath);
   // GetUsageStatus writes the status only on some paths; Active otherwise.
   unsigned status = kUsageActive;
-  GetUsageStatus(sSection.c_str(), status);
+  inStatus.GetUsageStatus(sSection.c_str(), status);
   if (status != kUsageActive) return HandleStoredStatus(*inStop, inFilePath, status);
 
   std::unique_ptr<Uploader> uploader(CreateUploader());
@@ -167,6 +118,68 @@ int UploadOneFile(StopFlag* inStop, const std::string& inReceiverUrl, const std:
     if (inStop->stopRequested.load()) break;
   }
   const char* reply = uploader->GetReply();
-  const std::string sResponse = reply != nullptr ? reply : "";
-  return HandleReply(*inStop, sSection, inFilePath, sResponse);
+  return HandleReply(*inStop, inStatus, sSection, inFilePath, reply != nullptr ? reply : "");
+}
+
+// Attempts inFilePath until an attempt gives 0, 2 or 3, or inStop is set.
+// inAttempts < 1 returns 1 without an attempt; otherwise it bounds nothing:
+// a failing file is retried until an answer is understood or SIGTERM comes.
+int UploadWithRetry(StopFlag* inStop, const UsageStatusFile& inStatus, const std::string& inReceiverUrl,
+                    const std::string& inFilePath, int inAttempts, int inInitialDelayMs) {
+  if (inAttempts < 1) return UploadFailed;
+  int result = UploadFailed;
+  int32_t delay = inInitialDelayMs;
+  while (!inStop->stopRequested.load()) {
+    result = UploadOneFile(inStop, inStatus, inReceiverUrl, inFilePath);
+    if (WalkGoesOn(result)) return result;
+    if (inStop->stopRequested.load()) return result;
+    WaitSeconds(*inStop, delay / 1000);
+    delay = NextRetryDelay(delay);
+  }
+  return result;
+}
+
+// Publishes a file's stop flag to the SIGTERM handler for as long as the
+// file is handled, and withdraws it on every way out, exceptions included,
+// so the handler never stores through a flag that is gone.
+class ActiveFile {
+ public:
+  explicit ActiveFile(StopFlag* inFlag) { activeStopFlag.store(inFlag); }
+  ~ActiveFile() { activeStopFlag.store(nullptr); }
+  ActiveFile(const ActiveFile&) = delete;
+  ActiveFile& operator=(const ActiveFile&) = delete;
+};
+
+// Handles a file the walk has found. Returns the file's result, or -1 when
+// another file is still being handled.
+int HandleFile(const UsageStatusFile& inStatus, const std::string& inReceiverUrl, const std::string& inFilePath) {
+  // Never holds in one run; guards the handler's single pointer.
+  if (activeStopFlag.load() != nullptr) return -1;
+  StopFlag flag;
+  ActiveFile active(&flag);
+  return UploadWithRetry(&flag, inStatus, inReceiverUrl, inFilePath, kUploadAttempts, kFirstRetryDelayMs);
+}
+
+}  // namespace
+
+int UploadLogFolder(const UsageStatusFile& inStatus, const std::string& inReceiverUrl,
+                    const std::string& inLogFolder) {
+  const fs::path folder(inLogFolder);
+  if (!fs::exists(folder) || !fs::is_directory(folder)) return UploadFailed;
+
+  // The folder is walked again after every walk that handled a file, so
+  // files that came in meanwhile are sent too; the run ends after a walk
+  // that was itself a repeat and handled none. (Nothing listed at all ends
+  // it the same way.)
+  bool repeat = false;
+  for (;;) {
+    bool handled = false;
+    const bool completed = ScanLogFolder(inLogFolder, [&](const fs::directory_entry& inEntry) {
+      handled = true;
+      return WalkGoesOn(HandleFile(inStatus, inReceiverUrl, inEntry.path().native()));
+    });
+    if (!completed) return UploadFailed;
+    if (repeat && !handled) return UploadDone;
+    repeat = true;
+  }
 }

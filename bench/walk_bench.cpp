@@ -12,18 +12,16 @@
 #include <filesystem>
 #include <string>
 
-#include "UploadRun.h"
 #include "ReceiverProcess.h"
 #include "TempDir.h"
+#include "UploadRun.h"
+#include "UsageStatus.h"
 
 int main(int argc, char** argv) {
   const int files = argc > 1 ? std::atoi(argv[1]) : 1000;
   const size_t bytes = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 2048;
 
   TempDir home("walkbench");
-  setenv("HOME", home.Path().c_str(), 1);
-  setenv("XDG_STATE_HOME", (home / "state").c_str(), 1);
-  setenv("XDG_DATA_HOME", (home / "data").c_str(), 1);
   const std::string sLogs = home / "logs";
   std::filesystem::create_directories(sLogs);
   const std::string sContent(bytes, 'x');
@@ -32,7 +30,8 @@ int main(int argc, char** argv) {
 
   ReceiverProcess receiver(home / "spool");
   const auto start = std::chrono::steady_clock::now();
-  const int result = UploadLogFolder(receiver.Url(), sLogs);
+  const UsageStatusFile status(home / "UserSettings.cfg");
+  const int result = UploadLogFolder(status, receiver.Url(), sLogs);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   const size_t received = receiver.WaitForLines(static_cast<size_t>(files), 10000).size();

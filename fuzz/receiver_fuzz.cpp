@@ -19,8 +19,8 @@
 #include "MultipartExtract.h"
 #include "ReplyPolicy.h"
 #include "Spool.h"
-#include "UploadHandler.h"
 #include "Uploader_Curl.h"
+#include "UploadHandler.h"
 
 namespace fs = std::filesystem;
 namespace http = boost::beast::http;

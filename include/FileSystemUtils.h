@@ -48,6 +48,24 @@ bool RemovePath(const std::string& inPath);
 // REQUIRES: GetParentPath(sDir) != sDir (asserted; catches "/").
 bool CreateDirectoryChain(const std::string& sDir);
 
+// How ReadWholeFile went.
+enum class ReadStatus {
+  kComplete,    // every byte up to the end of the file
+  kCannotOpen,  // nothing there, no permission, or not a regular file
+  kReadError,   // opened, but a read failed: outContent holds what came before
+};
+
+// Reads the regular file at inPath (or what a link there points to) whole
+// into outContent, which is replaced. Folders, devices, pipes and sockets
+// cannot be opened this way, so a reader never blocks on them. Interrupted
+// reads are resumed.
+ReadStatus ReadWholeFile(const std::string& inPath, std::string& outContent);
+
+// Creates or truncates the file at inPath (mode 0666 less the umask) and
+// writes inContent. True only when every byte was written and the file closed
+// without error.
+bool WriteWholeFile(const std::string& inPath, const std::string& inContent);
+
 }  // namespace FileSystemUtils
 
 #endif  // PORVANE_INCLUDE_FILESYSTEMUTILS_H

@@ -46,8 +46,8 @@ bool GetMainBundleName(std::string& outName);
 // The bundle path without its last component (GetParentPath).
 bool GetMainBundleParent(std::string& outPath);
 
-// The file name of the running executable (the leaf of /proc/self/exe);
-// false when it cannot be read.
-bool GetMainExecutableName(std::string& outName);
+// The running executable's path (/proc/self/exe, resolved); false when it
+// cannot be read. Its folder's parent is the bundle (GetMainBundlePath).
+bool GetMainExecutablePath(std::string& outPath);
 
 #endif  // PORVANE_INCLUDE_FOLDERFINDER_H

@@ -21,20 +21,7 @@ enum ORUSysFunction {
   kORUSysFunctionCount
 };
 
-// The C names of the entries, indexed by ORUSysFunction.
-extern const char* const kORUSysFunctionNames[kORUSysFunctionCount];
-
-// The shared library the table is resolved from.
-extern const char* const kORUSystemLibrary;  // "libc.so.6"
-
-// Looks up inCount function names of inBundle, in order, and stores them in
-// outSlots[0..inCount). All or nothing: the first name the library does not
-// export throws std::runtime_error("missing symbol") and outSlots is left as
-// it was.
-void ResolveFunctionTable(const ORUFrameworkBundle& inBundle, const char* const* inNames, size_t inCount,
-                          void** outSlots);
-
-// Loads the C library and resolves the whole table; a table that cannot be
+// Loads the C library ("libc.so.6") and resolves the whole table; a table that cannot be
 // resolved completely is no table ("missing symbol", or "unable to load
 // bundle" from the load). The forwarding calls take the C function's
 // arguments and return its result unchanged, errno included: nothing is

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <string>
 
-#include "ResourceLocker.h"
 #include "ORUSysAccessor.h"
+#include "ResourceLocker.h"
 
 namespace qvd {
 

@@ -8,30 +8,9 @@
 #include <cerrno>
 
 #include "Assert.h"
+#include "FileDescriptor.h"
 
 namespace {
-
-// Owns a file descriptor; closes it once.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int inFd) : mFd(inFd) {}
-  ~FileDescriptor() { Close(); }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-  int Get() const { return mFd; }
-  // Returns 0 or errno; close(2) is not retried on EINTR, as the descriptor
-  // is gone either way on Linux.
-  int Close() {
-    if (mFd < 0) return 0;
-    int result = ::close(mFd);
-    mFd = -1;
-    return result == 0 ? 0 : errno;
-  }
-
- private:
-  int mFd;
-};
 
 // Writes all of inData; returns 0 or errno.
 int WriteAll(int inFd, std::string_view inData) {

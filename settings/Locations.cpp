@@ -1,11 +1,8 @@
 #include "Locations.h"
 
-#include <cstring>
-#include <vector>
-
-#include "SettingsFile.h"
 #include "FileSystemUtils.h"
 #include "FolderFinder.h"
+#include "SettingsFile.h"
 
 namespace {
 
@@ -26,9 +23,10 @@ bool EnsureFolder(const std::string& inFolder) {
 }  // namespace
 
 int GetInstallPaths(std::string& outExecutablePath, std::string& outConfigPath, std::string& outContainerPath) {
-  std::string prefix;
-  std::string executableName;
-  if (!GetMainBundlePath(prefix) || !GetMainExecutableName(executableName)) return kLocationNotFound;
+  std::string executable;
+  if (!GetMainExecutablePath(executable)) return kLocationNotFound;
+  const std::string prefix = FileSystemUtils::GetParentPath(FileSystemUtils::GetParentPath(executable));
+  const std::string executableName = FileSystemUtils::GetLeafName(executable);
 
   // Running as the agent itself, its files lie in its own prefix; any other
   // program carries the agent in its private library folder.
@@ -44,17 +42,14 @@ int GetInstallPaths(std::string& outExecutablePath, std::string& outConfigPath, 
   return kLocationOk;
 }
 
-int GetMaxTotalDirSize(std::string& outValue) {
-  std::string executable;
-  std::string config;
-  std::string container;
-  if (GetInstallPaths(executable, config, container) != kLocationOk) return kLocationNotFound;
-
+InstallSettings ReadInstallSettings(const std::string& inConfigPath) {
   SettingsFile settings;
-  settings.Read(config);
-  const std::string& value = settings.GetValue("System", "MaxTotalDirSize");
-  outValue = value.empty() ? kDefaultMaxTotalDirSize : value;
-  return kLocationOk;
+  settings.Read(inConfigPath);
+  InstallSettings install;
+  install.maxTotalDirSize = settings.GetValue("System", "MaxTotalDirSize");
+  if (install.maxTotalDirSize.empty()) install.maxTotalDirSize = kDefaultMaxTotalDirSize;
+  install.uploadUrl = settings.GetValue("System", "UploadURL");
+  return install;
 }
 
 int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder) {
@@ -84,31 +79,5 @@ int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder) {
     outSettingsFilePath = settingsFolder + kSettingsFileName;
     status = kLocationOk;
   }
-  return status;
-}
-
-int GetDefaultLogFolder(char* ioBuffer, unsigned& ioSize) {
-  std::string settingsFile;
-  std::string logFolder;
-  const int status = GetUserPaths(settingsFile, logFolder);
-  if (status != kLocationOk) return status;
-
-  const unsigned needed = static_cast<unsigned>(logFolder.size() + 1);
-  const unsigned given = ioSize;
-  ioSize = needed;
-  if (needed > given) return kBufferTooSmall;
-  std::strncpy(ioBuffer, logFolder.c_str(), given);
-  return kLocationOk;
-}
-
-int GetDefaultLogFolder(std::string& outFolder) {
-  unsigned size = 1024;
-  std::vector<char> buffer(size);
-  int status = GetDefaultLogFolder(buffer.data(), size);
-  if (status == kBufferTooSmall) {
-    buffer.assign(size, '\0');
-    status = GetDefaultLogFolder(buffer.data(), size);
-  }
-  if (status == kLocationOk) outFolder = buffer.data();
   return status;
 }

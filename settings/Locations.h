@@ -1,8 +1,7 @@
 // Where the agent's installation, logs and user settings are.
 //
 // Status codes: 0 success; 4 location not found; 5 the settings folder could
-// not be created; 7 the caller's buffer is too small; 8 the log folder could
-// not be created.
+// not be created; 8 the log folder could not be created.
 #ifndef PORVANE_SETTINGS_LOCATIONS_H
 #define PORVANE_SETTINGS_LOCATIONS_H
 
@@ -12,7 +11,6 @@ enum LocationStatus {
   kLocationOk = 0,
   kLocationNotFound = 4,
   kSettingsFolderNotCreated = 5,
-  kBufferTooSmall = 7,
   kLogFolderNotCreated = 8,
 };
 
@@ -22,15 +20,21 @@ enum LocationStatus {
 // (container = prefix + "/lib/" + host executable name, executable =
 // container + "/porvane/bin/porvane", config = container +
 // "/porvane/share/porvane/Porvane.cfg"). The prefix is the parent of the
-// folder holding /proc/self/exe. Returns 0, or 4 when the running executable
-// cannot be located.
+// folder holding /proc/self/exe, which is read once. Returns 0, or 4 (the
+// outputs untouched) when the running executable cannot be located.
 int GetInstallPaths(std::string& outExecutablePath, std::string& outConfigPath,
                     std::string& outContainerPath);
 
-// "MaxTotalDirSize" of section "System" in the installation settings, or
-// "500000" when missing or empty. 4 (value untouched) when the installation
-// is not found.
-int GetMaxTotalDirSize(std::string& outValue);
+// What the agent takes from the installation settings file (section
+// "System").
+struct InstallSettings {
+  std::string maxTotalDirSize;  // "MaxTotalDirSize", or "500000" when missing or empty
+  std::string uploadUrl;        // "UploadURL", "" when missing
+};
+
+// Reads the installation settings file at inConfigPath once. A file that
+// cannot be read gives the defaults.
+InstallSettings ReadInstallSettings(const std::string& inConfigPath);
 
 // The user settings file ($XDG_DATA_HOME/Tarvo/Porvane/UserSettings.cfg) and
 // the default log folder ($XDG_STATE_HOME/Logs/Tarvo/Porvane), creating their
@@ -41,13 +45,5 @@ int GetMaxTotalDirSize(std::string& outValue);
 // is masked when the settings folder is found (0 with outLogFolder
 // untouched), and a failed settings look-up keeps the log folder's status.
 int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder);
-
-// Copies the default log folder into ioBuffer. Returns GetUserPaths' status
-// when non-zero; 7 when the folder's length + 1 exceeds ioSize (nothing
-// copied); else 0. In both latter cases ioSize becomes the needed size.
-int GetDefaultLogFolder(char* ioBuffer, unsigned& ioSize);
-
-// The default log folder as a string, growing the buffer once when needed.
-int GetDefaultLogFolder(std::string& outFolder);
 
 #endif  // PORVANE_SETTINGS_LOCATIONS_H

@@ -11,33 +11,22 @@
 #include <system_error>
 #include <vector>
 
-#include "Locations.h"
+#include "LogFolderScan.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// Files being written carry this marker anywhere in their path.
-const char* const kUnfinishedMarker = ".tmp";
-
-bool IsCountable(const fs::directory_entry& inEntry) {
-  return !inEntry.is_directory() && inEntry.path().native().find(kUnfinishedMarker) == std::string::npos;
-}
-
-// One unreadable entry does not spoil the scan: it is reported and skipped.
+// One unreadable entry does not spoil the listing: it is reported and skipped.
 void ReportEntryFailure(const fs::directory_entry& inEntry, const std::exception& inError) {
   std::cout << inEntry.path().filename().native() << " " << inError.what() << "\n" << std::flush;
 }
 
 void ReportScanFailure(const std::exception& inError) { std::cout << inError.what() << "\n" << std::flush; }
 
-// The log folder when it can be located and is a folder.
-bool FindLogFolder(fs::path& outFolder) {
-  std::string sFolder;
-  if (GetDefaultLogFolder(sFolder) != kLocationOk) return false;
-  outFolder = sFolder;
+bool IsFolder(const std::string& inFolder) {
   std::error_code ignored;
-  return fs::is_directory(outFolder, ignored);
+  return !inFolder.empty() && fs::is_directory(inFolder, ignored);
 }
 
 // Whole seconds, as the modification time of a file is usually told.
@@ -55,31 +44,79 @@ bool RemoveSilently(const std::string& inPath) {
   }
 }
 
-// A countable file as one scan saw it.
+// The total size in bytes of the finished files; 0 when inFolder is not a
+// folder; -1 when the listing fails.
+double GetLogFolderSize(const std::string& inFolder) {
+  if (!IsFolder(inFolder)) return 0;
+  double total = 0;
+  try {
+    ScanLogFolder(
+        inFolder,
+        [&](const fs::directory_entry& inEntry) {
+          total += static_cast<double>(fs::file_size(inEntry.path()));
+          return true;
+        },
+        ReportEntryFailure);
+  } catch (const std::exception& error) {
+    ReportScanFailure(error);
+    return -1;
+  }
+  return total;
+}
+
+// Removes the oldest finished file; true when one was removed.
+bool DeleteOldestLogFile(const std::string& inFolder) {
+  std::string sCandidate;
+  int64_t candidateTime = 0;
+  bool found = false;
+  if (IsFolder(inFolder)) {
+    try {
+      ScanLogFolder(
+          inFolder,
+          [&](const fs::directory_entry& inEntry) {
+            const int64_t writeTime = WriteTimeSeconds(inEntry.path());
+            // Strictly older only: among equally old files the first met
+            // stays the choice.
+            if (!found || writeTime < candidateTime) {
+              sCandidate = inEntry.path().native();
+              candidateTime = writeTime;
+              found = true;
+            }
+            return true;
+          },
+          ReportEntryFailure);
+    } catch (const std::exception& error) {
+      // A listing cut short still removes the oldest file seen so far.
+      ReportScanFailure(error);
+    }
+  }
+  return RemoveSilently(sCandidate);
+}
+
+// A finished file as one listing saw it.
 struct LogFile {
   std::string sPath;
   double size;
   int64_t writeTime;
 };
 
-// Reads every countable file of the log folder once, in listing order, with
-// the same calls as GetLogFolderSize and DeleteOldestLogFile. Writes
-// nothing: false as soon as anything would have been reported (an entry or
-// the scan failing) or the folder cannot be found, and the caller then
-// leaves the work to those two functions.
-bool ScanSilently(std::vector<LogFile>& outFiles, double& outTotal) {
-  fs::path folder;
-  if (!FindLogFolder(folder)) return false;
+// Reads every finished file of the folder once, in listing order, with the
+// same calls as GetLogFolderSize and DeleteOldestLogFile. Writes nothing:
+// false as soon as anything would have been reported (an entry or the
+// listing failing) or the folder is not one, and the caller then leaves the
+// work to those two functions.
+bool ScanSilently(const std::string& inFolder, std::vector<LogFile>& outFiles, double& outTotal) {
+  if (!IsFolder(inFolder)) return false;
   outTotal = 0;
   try {
-    for (fs::directory_iterator entry(folder), end; entry != end; ++entry) {
-      if (!IsCountable(*entry)) continue;
-      const fs::path& path = entry->path();
+    ScanLogFolder(inFolder, [&](const fs::directory_entry& inEntry) {
+      const fs::path& path = inEntry.path();
       const double size = static_cast<double>(fs::file_size(path));
       outFiles.push_back(LogFile{path.native(), size, WriteTimeSeconds(path)});
       // Summed in listing order, as GetLogFolderSize sums.
       outTotal += size;
-    }
+      return true;
+    });
   } catch (const std::exception&) {
     return false;
   }
@@ -87,16 +124,15 @@ bool ScanSilently(std::vector<LogFile>& outFiles, double& outTotal) {
 }
 
 // One file at a time, measuring the whole folder before every deletion.
-bool TrimOneByOne(double inLimit) {
+bool TrimOneByOne(double inLimit, const std::string& inFolder) {
   for (;;) {
-    const double total = GetLogFolderSize();
+    const double total = GetLogFolderSize(inFolder);
     // Not "total <= limit": an unordered comparison (a NaN limit) ends the
-    // loop as well, and so does the -1 of a failed scan.
+    // loop as well, and so does the -1 of a failed listing.
     if (!(total > inLimit)) return true;
-    if (!DeleteOldestLogFile()) return false;
+    if (!DeleteOldestLogFile(inFolder)) return false;
   }
 }
-
 // The one-by-one loop above, worked out from a single scan. Its scans would
 // differ from this one only through changes made by others, and the trim
 // runs while the agent holds the upload lock, before its own upload run; the
@@ -128,63 +164,12 @@ bool TrimOldestFirst(std::vector<LogFile>& ioFiles, double inTotal, double inLim
 
 }  // namespace
 
-double GetLogFolderSize() {
-  fs::path folder;
-  if (!FindLogFolder(folder)) return 0;
-  double total = 0;
-  try {
-    for (fs::directory_iterator entry(folder), end; entry != end; ++entry) {
-      try {
-        if (IsCountable(*entry)) total += static_cast<double>(fs::file_size(entry->path()));
-      } catch (const std::exception& error) {
-        ReportEntryFailure(*entry, error);
-      }
-    }
-  } catch (const std::exception& error) {
-    ReportScanFailure(error);
-    return -1;
-  }
-  return total;
-}
-
-bool DeleteOldestLogFile() {
-  std::string sCandidate;
-  int64_t candidateTime = 0;
-  unsigned candidates = 0;
-  fs::path folder;
-  if (FindLogFolder(folder)) {
-    try {
-      for (fs::directory_iterator entry(folder), end; entry != end; ++entry) {
-        try {
-          if (!IsCountable(*entry)) continue;
-          const int64_t writeTime = WriteTimeSeconds(entry->path());
-          // Strictly older only: among equally old files the first met stays
-          // the choice.
-          if (candidates == 0 || writeTime < candidateTime) {
-            sCandidate = entry->path().native();
-            candidateTime = writeTime;
-          }
-          ++candidates;
-        } catch (const std::exception& error) {
-          ReportEntryFailure(*entry, error);
-        }
-      }
-    } catch (const std::exception& error) {
-      // A scan cut short still removes the oldest file seen so far.
-      ReportScanFailure(error);
-    }
-  }
-  return RemoveSilently(sCandidate);
-}
-
-bool EnforceLogFolderLimit() {
-  std::string sLimit;
-  if (GetMaxTotalDirSize(sLimit) != kLocationOk) return false;
-  const double limit = std::atof(sLimit.c_str());
+bool EnforceLogFolderLimit(const std::string& inMaxTotalDirSize, const std::string& inLogFolder) {
+  const double limit = std::atof(inMaxTotalDirSize.c_str());
   std::vector<LogFile> files;
   double total = 0;
-  // Anything the quiet scan could not read must be reported once per scan,
-  // as the one-by-one loop does; that loop then does all of the work.
-  if (!ScanSilently(files, total)) return TrimOneByOne(limit);
+  // Anything the quiet listing could not read must be reported once per
+  // listing, as the one-by-one loop does; that loop then does all of the work.
+  if (!ScanSilently(inLogFolder, files, total)) return TrimOneByOne(limit, inLogFolder);
   return TrimOldestFirst(files, total, limit);
 }

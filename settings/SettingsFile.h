@@ -47,9 +47,6 @@ class SettingsFile {
   const std::string& SetValue(const std::string& inSection, const std::string& inKey,
                               const std::string& inValue);
 
-  // The whole state: lower-case "section/key" to value, byte-wise order.
-  const std::map<std::string, std::string>& Entries() const { return mValues; }
-
  private:
   std::map<std::string, std::string> mValues;
 };

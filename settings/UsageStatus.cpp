@@ -5,7 +5,6 @@
 
 #include <boost/date_time/gregorian/gregorian.hpp>
 
-#include "Locations.h"
 #include "SettingsFile.h"
 
 namespace {
@@ -15,16 +14,6 @@ const char* const kWakeDateKey = "HibernateWakeDate";
 const char* const kActive = "Active";
 const char* const kDisabled = "Disabled";
 const char* const kHibernate = "Hibernate";
-
-// The user settings file; "" when its folder cannot be found or made, which
-// reads as an empty file and swallows writes: every kind then counts as
-// Active and no decision is kept.
-std::string SettingsFilePath() {
-  std::string settingsFile;
-  std::string logFolder;
-  GetUserPaths(settingsFile, logFolder);
-  return settingsFile;
-}
 
 // Whether a hibernation stored as inWakeDate is still running today. A wake
 // date that is missing, special or not a date at all ends it: a damaged
@@ -68,11 +57,10 @@ void Reactivate(SettingsFile& ioSettings, const std::string& inSection) {
 
 }  // namespace
 
-int GetUsageStatus(const char* inSection, unsigned& outStatus) {
-  const std::string path = SettingsFilePath();
+int UsageStatusFile::GetUsageStatus(const char* inSection, unsigned& outStatus) const {
   const std::string section = inSection;
   SettingsFile settings;
-  settings.Read(path);
+  settings.Read(mPath);
 
   const std::string value = settings.GetValue(section, kStatusKey);
   // Stored words match exactly: "active" or "disabled" are unknown words and
@@ -95,16 +83,15 @@ int GetUsageStatus(const char* inSection, unsigned& outStatus) {
     // A kind seen for the first time, or a word this agent does not know.
     settings.SetValue(section, kStatusKey, kActive);
   }
-  settings.Write(path);
+  settings.Write(mPath);
   outStatus = kUsageActive;
   return 0;
 }
 
-int SetUsageStatus(const char* inSection, unsigned inStatus, int inDays) {
-  const std::string path = SettingsFilePath();
+int UsageStatusFile::SetUsageStatus(const char* inSection, unsigned inStatus, int inDays) const {
   const std::string section = inSection;
   SettingsFile settings;
-  settings.Read(path);
+  settings.Read(mPath);
 
   const char* value = kActive;
   if (inStatus == kUsageDisabled) {
@@ -116,6 +103,6 @@ int SetUsageStatus(const char* inSection, unsigned inStatus, int inDays) {
   // An older wake date stays beside "Disabled" or "Active"; only a
   // reactivation removes it.
   settings.SetValue(section, kStatusKey, value);
-  settings.Write(path);
+  settings.Write(mPath);
   return 0;
 }

@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <thread>
 
-#include "AgentLock.h"
-#include "ResourceLocker.h"
 #include "AgentFixture.h"
+#include "AgentLock.h"
 #include "RawServer.h"
 #include "ReceiverProcess.h"
+#include "ResourceLocker.h"
 
 namespace {
 

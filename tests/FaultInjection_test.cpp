@@ -22,11 +22,11 @@
 #include <set>
 #include <thread>
 
-#include "AgentLock.h"
-#include "ResourceLocker.h"
 #include "AgentFixture.h"
+#include "AgentLock.h"
 #include "RawServer.h"
 #include "ReceiverProcess.h"
+#include "ResourceLocker.h"
 
 namespace {
 

@@ -41,9 +41,6 @@ class Uploader {
   // dependable (see AppendReply).
   const char* GetReply() const;
 
-  // Number of reply bytes counted so far (see AppendReply).
-  uint32_t GetReplyLength() const { return m_replyLength; }
-
   // Hands the uploader the stop flag of the file being handled (may be null).
   // While a transfer runs, a flag that becomes true ends it promptly, as an
   // error would. REQUIRES: the flag outlives the uploader.

@@ -1,16 +1,9 @@
 #include "Uploader_Curl.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <locale>
-#include <sstream>
+
+#include "MultipartBody.h"
 
 const char Uploader_Curl::kUserAgent[] =
     "Mozilla/5.0 (Macintosh; U; PPC Mac OS X; en-us) AppleWebKit/125.5.5 (KHTML, like Gecko) Safari/125";
@@ -19,40 +12,6 @@ namespace {
 
 // The largest reply chunk handed to AppendReply at once.
 constexpr long kReplyChunkSize = 16384;
-
-// A file descriptor that is closed when the owner goes away.
-class ScopedFd {
- public:
-  explicit ScopedFd(int inFd) : m_fd(inFd) {}
-  ~ScopedFd() {
-    if (m_fd >= 0) close(m_fd);
-  }
-  ScopedFd(const ScopedFd&) = delete;
-  ScopedFd& operator=(const ScopedFd&) = delete;
-  int Get() const { return m_fd; }
-
- private:
-  int m_fd;
-};
-
-// The whole content of the file at inPath, or nothing when it cannot be
-// opened for reading or is a folder. A read error ends the content where it
-// happened; the upload sends what was read.
-std::optional<std::string> ReadWholeFile(const std::string& inPath) {
-  ScopedFd file(open(inPath.c_str(), O_RDONLY | O_CLOEXEC));
-  if (file.Get() < 0) return std::nullopt;
-  struct stat info;
-  if (fstat(file.Get(), &info) != 0 || S_ISDIR(info.st_mode)) return std::nullopt;
-  std::string content;
-  char chunk[65536];
-  for (;;) {
-    ssize_t got = read(file.Get(), chunk, sizeof chunk);
-    if (got < 0 && errno == EINTR) continue;  // SIGTERM's handler may interrupt us
-    if (got <= 0) break;
-    content.append(chunk, static_cast<size_t>(got));
-  }
-  return content;
-}
 
 int HexValue(char inDigit) {
   if (inDigit >= '0' && inDigit <= '9') return inDigit - '0';
@@ -99,11 +58,6 @@ std::string EscapeIllegalBytes(const std::string& inText) {
   return escaped;
 }
 
-std::string FileNameOf(const std::string& inFilePath) {
-  size_t slash = inFilePath.rfind('/');
-  return slash == std::string::npos ? inFilePath : inFilePath.substr(slash + 1);
-}
-
 }  // namespace
 
 Uploader* CreateUploader() { return new Uploader_Curl(); }
@@ -125,7 +79,7 @@ bool Uploader_Curl::UploadFile(const std::string& inFilePath, const std::string&
   if (!url) return FailSetUp();
   uint32_t bodyLength = 0;
   std::string boundary;
-  Body body = BuildMultipartBody(inFilePath, bodyLength, boundary);
+  MultipartBody body = BuildMultipartBody(inFilePath, bodyLength, boundary);
   if (!body) return FailSetUp();
   if (!OpenTransfer(*url, *body, bodyLength, boundary)) return FailSetUp();
 
@@ -209,52 +163,4 @@ std::optional<std::string> Uploader_Curl::CreateURL(const std::string& inText) {
     return std::nullopt;
   }
   return url;
-}
-
-Uploader_Curl::Body Uploader_Curl::BuildMultipartBody(const std::string& inFilePath, uint32_t& ioBodyLength,
-                                                      std::string& ioBoundary) {
-  std::optional<std::string> content = ReadWholeFile(inFilePath);
-  if (!content) return nullptr;
-  std::string boundary = MakeBoundary();
-  Body body = std::make_unique<const std::string>(ComposeMultipartBody(inFilePath, *content, boundary));
-  ioBodyLength = static_cast<uint32_t>(body->size());
-  ioBoundary = boundary;
-  return body;
-}
-
-std::string Uploader_Curl::ComposeMultipartBody(const std::string& inFilePath, const std::string& inContent,
-                                                const std::string& inBoundary) {
-  std::string body;
-  body.reserve(inContent.size() + 2 * inBoundary.size() + inFilePath.size() + 128);
-  body.append("--").append(inBoundary).append("\r\n");
-  body.append("Content-Disposition: form-data; name=\"logfile\"; filename=\"")
-      .append(FileNameOf(inFilePath))
-      .append("\"\r\n");
-  body.append("Content-Type: application/octet-stream\r\n\r\n");
-  body.append(inContent);
-  // Two CR LF pairs before the closing delimiter and none after it: the
-  // receiver has always parsed this form, so it stays byte for byte.
-  body.append("\r\n\r\n--").append(inBoundary).append("--");
-  return body;
-}
-
-std::string Uploader_Curl::MakeBoundary() {
-  std::srand(static_cast<unsigned>(std::time(nullptr)));
-  std::string boundary;
-  while (boundary.size() <= 15) {
-    std::ostringstream piece;
-    piece.imbue(std::locale::classic());
-    piece << std::rand();
-    boundary += piece.str();
-  }
-  return boundary;
-}
-
-std::string Uploader_Curl::FormatLength(uint32_t inValue) {
-  // The classic locale: a global locale with digit grouping must not put
-  // separators into a header value.
-  std::ostringstream text;
-  text.imbue(std::locale::classic());
-  text << inValue;
-  return text.str();
 }

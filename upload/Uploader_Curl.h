@@ -1,8 +1,7 @@
 // The uploader over libcurl: one easy handle per object, driven on the calling
 // thread. The TCP connection outlives the object: every easy handle joins the
 // process's CurlShare, so the next uploader to the same server sends on it.
-// Callers use it through Uploader (CreateUploader); the static helpers
-// below are public so that the request's bytes can be checked on their own.
+// Callers use it through Uploader (CreateUploader) and never name it.
 #ifndef PORVANE_UPLOAD_UPLOADER_CURL_H
 #define PORVANE_UPLOAD_UPLOADER_CURL_H
 
@@ -18,9 +17,6 @@
 
 class Uploader_Curl final : public Uploader {
  public:
-  // An owned, immutable request body; null when none could be built.
-  using Body = std::unique_ptr<const std::string>;
-
   // The text sent as "User-Agent". It is the same fixed text on every
   // machine, whatever its processor or system; the mismatch with the machine
   // that sends it is deliberate and kept.
@@ -50,6 +46,7 @@ class Uploader_Curl final : public Uploader {
   // marked finished, and the result is false.
   bool UploadFile(const std::string& inFilePath, const std::string& inUrl) override;
 
+ private:
   // The URL text handed to libcurl for inText, or nothing when inText is empty
   // or libcurl's URL parser rejects the result. Every "%" followed by two
   // hexadecimal digits is decoded first; then every byte that may not stand
@@ -58,31 +55,6 @@ class Uploader_Curl final : public Uploader {
   // becomes "A" and a space (plain or escaped) becomes "%20".
   static std::optional<std::string> CreateURL(const std::string& inText);
 
-  // Reads the file at inFilePath whole and returns its multipart body with a
-  // fresh boundary (MakeBoundary). On success ioBodyLength becomes the body's
-  // length and ioBoundary the boundary. Returns null, leaving both untouched
-  // and the C library's random generator unused, when the file cannot be
-  // opened for reading or is a folder. A read error after the open is not
-  // reported: the bytes read until then are the content.
-  static Body BuildMultipartBody(const std::string& inFilePath, uint32_t& ioBodyLength, std::string& ioBoundary);
-
-  // The body's bytes for a file at inFilePath holding inContent: one part
-  // named "logfile" whose file name is the text after the path's last "/"
-  // (the whole path when it has none), used unquoted. The closing delimiter
-  // follows two CR LF pairs and has no CR LF behind it; the receiver parses
-  // exactly this form.
-  static std::string ComposeMultipartBody(const std::string& inFilePath, const std::string& inContent,
-                                          const std::string& inBoundary);
-
-  // Seeds rand() with the current time in seconds, then appends decimal
-  // rand() values until the text is longer than 15 characters: 16 to 25
-  // digits. Two calls within the same second give the same boundary.
-  static std::string MakeBoundary();
-
-  // inValue in decimal, no sign, fill or separators.
-  static std::string FormatLength(uint32_t inValue);
-
- private:
   // Makes the easy handle and the header list and sets every option of the
   // request. False when any of that fails. inBody must outlive the transfer.
   bool OpenTransfer(const std::string& inUrl, const std::string& inBody, uint32_t inBodyLength,

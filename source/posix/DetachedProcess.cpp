@@ -7,25 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "FileDescriptor.h"
+
 namespace {
-
-// Owns one file descriptor; closes it when it goes away.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int inFd = -1) : mFd(inFd) {}
-  ~FileDescriptor() { Reset(); }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-  int Get() const { return mFd; }
-  void Reset() {
-    if (mFd >= 0) ::close(mFd);  // no retry on EINTR: the descriptor is gone either way on Linux
-    mFd = -1;
-  }
-
- private:
-  int mFd;
-};
 
 // Everything below up to ReportAndExit runs in a child of a process that may
 // have other threads, so it only calls async-signal-safe functions.
@@ -94,7 +78,7 @@ bool StartDetached(const std::vector<std::string>& inArgv, bool inSearchPath) {
   if (child < 0) return false;
   if (child == 0) RunIntermediate(argv.data(), inSearchPath, writeEnd.Get());
 
-  writeEnd.Reset();
+  writeEnd.Close();
   WaitForExit(child);
   // The write end closes on a successful exec, so end of file means started;
   // otherwise the child sent the errno of its failure.

@@ -11,12 +11,13 @@
 #include <unistd.h>
 
 #include "Assert.h"
+#include "FileDescriptor.h"
 
 namespace FileSystemUtils {
 
 namespace {
 
-// Owns a directory stream (and the descriptor under it).
+// Owns a directory stream (and the descriptor under it, once handed over).
 class ScopedDir {
  public:
   explicit ScopedDir(DIR* inDir) : mDir(inDir) {}
@@ -51,13 +52,11 @@ bool ListFolder(DIR* inDir, std::vector<std::string>& outNames) {
 // trees go as a whole; the first failure stops the walk.
 bool RemoveFolder(int inParentFd, const char* inName, mode_t inMode) {
   if ((inMode & S_IRWXU) != S_IRWXU) ::fchmodat(inParentFd, inName, (inMode & 07777) | S_IRWXU, 0);
-  const int folderFd = ::openat(inParentFd, inName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (folderFd < 0) return false;
-  ScopedDir folder(::fdopendir(folderFd));
-  if (folder.Get() == nullptr) {
-    ::close(folderFd);
-    return false;
-  }
+  FileDescriptor folderFd(::openat(inParentFd, inName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!folderFd.IsOpen()) return false;
+  ScopedDir folder(::fdopendir(folderFd.Get()));
+  if (folder.Get() == nullptr) return false;
+  folderFd.Release();  // the folder stream owns it now
   std::vector<std::string> names;
   if (!ListFolder(folder.Get(), names)) return false;
   for (const std::string& name : names) {
@@ -151,6 +150,40 @@ bool CreateDirectoryChain(const std::string& sDir) {
   // simply stays theirs, which is no failure.
   static_cast<void>(::chown(sDir.c_str(), parentInfo.st_uid, parentInfo.st_gid) == 0);
   return true;
+}
+
+ReadStatus ReadWholeFile(const std::string& inPath, std::string& outContent) {
+  outContent.clear();
+  // O_NONBLOCK: opening a pipe must not wait for a writer; the type check
+  // below turns it away anyway. Regular files ignore the flag.
+  FileDescriptor file(::open(inPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  struct stat info;
+  if (!file.IsOpen() || ::fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return ReadStatus::kCannotOpen;
+  if (info.st_size > 0) outContent.reserve(static_cast<size_t>(info.st_size));
+  char block[65536];
+  for (;;) {
+    const ssize_t count = ::read(file.Get(), block, sizeof block);
+    if (count > 0) {
+      outContent.append(block, static_cast<size_t>(count));
+    } else if (count == 0) {
+      return ReadStatus::kComplete;
+    } else if (errno != EINTR) {  // a signal (SIGTERM in the agent) is no failure
+      return ReadStatus::kReadError;
+    }
+  }
+}
+
+bool WriteWholeFile(const std::string& inPath, const std::string& inContent) {
+  FileDescriptor file(::open(inPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0666));
+  if (!file.IsOpen()) return false;
+  size_t done = 0;
+  while (done < inContent.size()) {
+    const ssize_t count = ::write(file.Get(), inContent.data() + done, inContent.size() - done);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    done += static_cast<size_t>(count);
+  }
+  return file.Close() == 0;
 }
 
 }  // namespace FileSystemUtils

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <vector>
 
-#include <fcntl.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -54,22 +53,6 @@ bool BaseDirectory(const char* inVariable, const char* inHomeRelative, std::stri
   return AbsoluteEnvironmentPath(inVariable, outPath) || HomeRelative(inHomeRelative, outPath);
 }
 
-// The text of a small file, at most inLimit bytes; false when it cannot be
-// opened.
-bool ReadSmallFile(const std::string& inPath, size_t inLimit, std::string& outText) {
-  const int fd = ::open(inPath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char block[4096];
-  while (outText.size() < inLimit) {
-    const ssize_t count = ::read(fd, block, sizeof block);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    outText.append(block, static_cast<size_t>(count));
-  }
-  ::close(fd);
-  return true;
-}
-
 // The folder named by a user-dirs.dirs value: the text between the quotes,
 // backslash escapes resolved, "$HOME" at the start replaced by the home
 // folder. Only absolute results count.
@@ -104,7 +87,8 @@ bool UserDirectory(const std::string& inName, const char* inFallback, std::strin
   std::string config;
   std::string text;
   if (BaseDirectory("XDG_CONFIG_HOME", ".config", config) &&
-      ReadSmallFile(FileSystemUtils::AppendPath(config, "user-dirs.dirs"), 1 << 20, text)) {
+      FileSystemUtils::ReadWholeFile(FileSystemUtils::AppendPath(config, "user-dirs.dirs"), text) !=
+          FileSystemUtils::ReadStatus::kCannotOpen) {
     const std::string prefix = "XDG_" + inName + "_DIR=";
     size_t start = 0;
     while (start < text.size()) {
@@ -166,20 +150,6 @@ bool Finish(const std::string& inPath, bool inCreate) {
   return FileSystemUtils::CreateDirectoryChain(inPath);
 }
 
-// The resolved path of the running executable.
-bool ExecutablePath(std::string& outPath) {
-  std::vector<char> buffer(1024);
-  for (;;) {
-    const ssize_t length = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
-    if (length < 0) return false;
-    if (static_cast<size_t>(length) < buffer.size()) {
-      outPath.assign(buffer.data(), static_cast<size_t>(length));
-      return !outPath.empty();
-    }
-    buffer.resize(buffer.size() * 2);  // possibly cut short: try again larger
-  }
-}
-
 }  // namespace
 
 bool FindSpecialFolder(int inFolderId, std::string& outPath, bool inCreate) {
@@ -202,7 +172,7 @@ bool FindLibraryFolder(std::string& outPath, bool inCreate) {
 
 bool GetMainBundlePath(std::string& outPath) {
   std::string executable;
-  if (!ExecutablePath(executable)) return false;
+  if (!GetMainExecutablePath(executable)) return false;
   outPath = FileSystemUtils::GetParentPath(FileSystemUtils::GetParentPath(executable));
   return true;
 }
@@ -223,9 +193,15 @@ bool GetMainBundleParent(std::string& outPath) {
   return true;
 }
 
-bool GetMainExecutableName(std::string& outName) {
-  std::string executable;
-  if (!ExecutablePath(executable)) return false;
-  outName = FileSystemUtils::GetLeafName(executable);
-  return true;
+bool GetMainExecutablePath(std::string& outPath) {
+  std::vector<char> buffer(1024);
+  for (;;) {
+    const ssize_t length = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
+    if (length < 0) return false;
+    if (static_cast<size_t>(length) < buffer.size()) {
+      outPath.assign(buffer.data(), static_cast<size_t>(length));
+      return !outPath.empty();
+    }
+    buffer.resize(buffer.size() * 2);  // possibly cut short: try again larger
+  }
 }

@@ -1,18 +1,15 @@
 #include "LoginWindowPList.h"
 
 #include <plist/plist.h>
-#include <sys/stat.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <memory>
-#include <vector>
 
 #include "Assert.h"
 #include "FileSystemUtils.h"
-#include "Utf8Text.h"
 #include "FolderFinder.h"
+#include "Utf8Text.h"
 
 namespace {
 
@@ -34,36 +31,7 @@ struct XmlFree {
 // Owns the text that plist_to_xml allocates.
 using XmlOwner = std::unique_ptr<char, XmlFree>;
 
-struct FileClose {
-  void operator()(std::FILE* inFile) const { std::fclose(inFile); }
-};
-using FileOwner = std::unique_ptr<std::FILE, FileClose>;
-
 enum class EditResult { kFailed, kUnchanged, kChanged };
-
-// Reads the whole file into outBuffer: its size from a seek to the end, then
-// that many bytes. Only a regular file qualifies; a folder would "open".
-bool ReadWholeFile(const std::string& inPath, std::vector<char>& outBuffer) {
-  FileOwner file(std::fopen(inPath.c_str(), "rbe"));  // "e": close-on-exec
-  if (!file) return false;
-  struct stat info;
-  if (::fstat(fileno(file.get()), &info) != 0 || !S_ISREG(info.st_mode)) return false;
-  if (std::fseek(file.get(), 0, SEEK_END) != 0) return false;
-  const long size = std::ftell(file.get());
-  if (size < 0 || std::fseek(file.get(), 0, SEEK_SET) != 0) return false;
-  outBuffer.assign(static_cast<std::size_t>(size), '\0');
-  return std::fread(outBuffer.data(), 1, outBuffer.size(), file.get()) == outBuffer.size();
-}
-
-// Truncates the file and writes inBuffer; true only when every byte reached
-// the file (fclose reports a failed final flush).
-bool WriteWholeFile(const std::string& inPath, const std::vector<char>& inBuffer) {
-  std::FILE* file = std::fopen(inPath.c_str(), "wbe");
-  if (file == nullptr) return false;
-  const bool written = std::fwrite(inBuffer.data(), 1, inBuffer.size(), file) == inBuffer.size();
-  const bool closed = std::fclose(file) == 0;
-  return written && closed;
-}
 
 // A new item dictionary; keys in the order the platform's serialiser sorts them.
 plist_t NewItem(const std::string& inAppPath) {
@@ -125,7 +93,7 @@ EditResult RemoveFromRoot(plist_t ioRoot, const std::string& inAppPath) {
 // an empty buffer, so the file is rewritten with 0 bytes rather than as an
 // empty property list; readers of this file take both as "no items". If the
 // serialiser fails the buffer keeps its old content.
-void Serialise(plist_t cfDictRef, std::vector<char>& ioBuffer) {
+void Serialise(plist_t cfDictRef, std::string& ioBuffer) {
   QVD_ASSERT(NULL != cfDictRef);
   if (plist_dict_get_size(cfDictRef) == 0) {
     ioBuffer.clear();
@@ -141,7 +109,7 @@ void Serialise(plist_t cfDictRef, std::vector<char>& ioBuffer) {
 
 // Parses the buffer into a root dictionary; null when it is not an XML
 // property list with a dictionary at its root.
-PlistOwner ParseRoot(const std::vector<char>& inBuffer) {
+PlistOwner ParseRoot(const std::string& inBuffer) {
   if (inBuffer.size() > UINT32_MAX) return PlistOwner();
   plist_t root = nullptr;
   plist_from_xml(inBuffer.data(), static_cast<uint32_t>(inBuffer.size()), &root);
@@ -150,7 +118,7 @@ PlistOwner ParseRoot(const std::vector<char>& inBuffer) {
   return owner;
 }
 
-EditResult EditLoginItems(std::vector<char>& ioBuffer, const std::string& inAppPath, bool inRemove) {
+EditResult EditLoginItems(std::string& ioBuffer, const std::string& inAppPath, bool inRemove) {
   // The path becomes a Unicode string node; bytes that are not UTF-8, or a
   // NUL that would cut the C string short, cannot be one.
   if (!IsValidUtf8(inAppPath) || inAppPath.find('\0') != std::string::npos) return EditResult::kFailed;
@@ -176,9 +144,9 @@ bool UpdateLoginItems(const std::string& inAppPath, bool inRemove) {
   std::string sFolder;
   if (!FindSpecialFolder(kPreferencesFolderId, sFolder, true)) return false;
   const std::string sPath = FileSystemUtils::AppendPath(sFolder, kFileName);
-  std::vector<char> buffer;
+  std::string buffer;
   if (FileSystemUtils::PathExists(sPath)) {
-    if (!ReadWholeFile(sPath, buffer)) return false;
+    if (FileSystemUtils::ReadWholeFile(sPath, buffer) != FileSystemUtils::ReadStatus::kComplete) return false;
   } else if (inRemove) {
     return true;  // nothing to remove from
   }
@@ -190,7 +158,7 @@ bool UpdateLoginItems(const std::string& inAppPath, bool inRemove) {
     case EditResult::kChanged:
       break;
   }
-  return WriteWholeFile(sPath, buffer);
+  return FileSystemUtils::WriteWholeFile(sPath, buffer);
 }
 
 }  // namespace

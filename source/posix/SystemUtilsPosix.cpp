@@ -14,13 +14,14 @@
 #include <memory>
 
 #include "Assert.h"
-#include "FormatString.h"
+#include "DetachedProcess.h"
+#include "FileDescriptor.h"
 #include "FileSystemUtils.h"
+#include "FolderFinder.h"
+#include "FormatString.h"
+#include "LoginWindowPList.h"
 #include "MD5Hash.h"
 #include "Utf8Text.h"
-#include "DetachedProcess.h"
-#include "FolderFinder.h"
-#include "LoginWindowPList.h"
 
 namespace {
 
@@ -202,10 +203,7 @@ bool SetRestartMarker(const std::string& inName) {
   std::string sPath;
   if (!GetRestartMarkerPath(inName, sPath)) return false;
   if (FileSystemUtils::PathExists(sPath)) return true;
-  const int fd = ::open(sPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-  if (fd < 0) return false;
-  ::close(fd);
-  return true;
+  return FileDescriptor(::open(sPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666)).IsOpen();
 }
 
 bool HasRestartedSinceMarker(const std::string& inName) {

@@ -6,6 +6,9 @@
 
 namespace qvd {
 
+namespace {
+
+// The C names of the entries, indexed by ORUSysFunction.
 const char* const kORUSysFunctionNames[kORUSysFunctionCount] = {
     "system", "getenv", "setenv", "unsetenv", "socket", "ioctl", "getprotobyname", "popen",
     "pclose", "fread",  "fseek",  "ftell",    "ftok",   "semget", "semop",         "signal",
@@ -13,6 +16,10 @@ const char* const kORUSysFunctionNames[kORUSysFunctionCount] = {
 
 const char* const kORUSystemLibrary = "libc.so.6";
 
+// Looks up inCount function names of inBundle, in order, and stores them in
+// outSlots[0..inCount). All or nothing: the first name the library does not
+// export throws std::runtime_error("missing symbol") and outSlots is left as
+// it was.
 void ResolveFunctionTable(const ORUFrameworkBundle& inBundle, const char* const* inNames, size_t inCount,
                           void** outSlots) {
   // Resolved aside first, so that a failure leaves no half-filled table.
@@ -23,6 +30,8 @@ void ResolveFunctionTable(const ORUFrameworkBundle& inBundle, const char* const*
   }
   std::copy(resolved.begin(), resolved.end(), outSlots);
 }
+
+}  // namespace
 
 ORUSysAccessor::ORUSysAccessor() : mBundle(kORUSystemLibrary), mFunctions() {
   ResolveFunctionTable(mBundle, kORUSysFunctionNames, kORUSysFunctionCount, mFunctions);

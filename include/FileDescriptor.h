@@ -1,0 +1,31 @@
+// FileDescriptor: the one owner of a file descriptor.
+#ifndef PORVANE_INCLUDE_FILEDESCRIPTOR_H
+#define PORVANE_INCLUDE_FILEDESCRIPTOR_H
+
+// Owns one descriptor (or none, -1) and closes it when it goes away. Movable,
+// not copyable: exactly one object closes a descriptor.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int inFd = -1) noexcept : mFd(inFd) {}
+  ~FileDescriptor() { Close(); }
+  FileDescriptor(FileDescriptor&& ioOther) noexcept : mFd(ioOther.Release()) {}
+  FileDescriptor& operator=(FileDescriptor&& ioOther) noexcept;
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+
+  int Get() const { return mFd; }
+  bool IsOpen() const { return mFd >= 0; }
+
+  // Gives the descriptor up without closing it; the object then holds none.
+  int Release() noexcept;
+
+  // Closes the descriptor now. Returns 0, or the errno of close(2). Not
+  // retried on EINTR: on Linux the descriptor is gone either way. Closing an
+  // object that holds none returns 0.
+  int Close() noexcept;
+
+ private:
+  int mFd;
+};
+
+#endif  // PORVANE_INCLUDE_FILEDESCRIPTOR_H
