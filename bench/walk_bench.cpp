@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <string>
 
-#include "ReceiverProcess.h"
+#include "ChildProcess.h"
 #include "TempDir.h"
 #include "UploadRun.h"
 #include "UsageStatus.h"
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
   const int result = UploadLogFolder(status, receiver.Url(), sLogs);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-  const size_t received = receiver.WaitForLines(static_cast<size_t>(files), 10000).size();
+  const size_t received = receiver.Lines(static_cast<size_t>(files)).size();
   const bool emptied = std::filesystem::is_empty(sLogs);
   std::printf("files=%d bytes=%zu result=%d received=%zu emptied=%s seconds=%.3f files_per_second=%.0f\n", files,
               bytes, result, received, emptied ? "yes" : "no", seconds, files / seconds);

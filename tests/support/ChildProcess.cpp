@@ -1,12 +1,15 @@
 #include "ChildProcess.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <stdexcept>
 #include <thread>
 
@@ -14,91 +17,124 @@
 
 extern char** environ;
 
-namespace {
-
-int OpenCapture(const std::string& inPath) {
-  int fd = open(inPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) throw std::runtime_error("cannot create " + inPath);
-  return fd;
-}
-
-}  // namespace
-
 ChildProcess::ChildProcess(const std::vector<std::string>& inArgs, const Environment& inEnvironment,
-                           const std::string& inCaptureDir) {
-  static int serial = 0;
-  const std::string stem = inCaptureDir + "/child" + std::to_string(++serial);
-  mStdoutPath = stem + ".out";
-  mStderrPath = stem + ".err";
-  int out = OpenCapture(mStdoutPath);
-  int err = OpenCapture(mStderrPath);
-
-  std::vector<std::string> args = inArgs;
-  std::vector<std::string> env;
+                           const std::string& inCaptureStem)
+    : mStem(inCaptureStem) {
+  std::vector<std::string> args = inArgs, env;
   for (const auto& [name, value] : inEnvironment) env.push_back(name + "=" + value);
   std::vector<char*> argv, envp;
   for (auto& a : args) argv.push_back(a.data());
   for (auto& e : env) envp.push_back(e.data());
   argv.push_back(nullptr);
   envp.push_back(nullptr);
-
+  const int out = open((mStem + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int err = open((mStem + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (out < 0 || err < 0) throw std::runtime_error("cannot capture into " + mStem);
   mPid = fork();
-  if (mPid < 0) throw std::runtime_error("fork failed");
   if (mPid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies takes its programs along
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
-    int devNull = open("/dev/null", O_RDONLY);
-    if (devNull >= 0) dup2(devNull, STDIN_FILENO);
-    // A clean signal state: the test process may block or handle SIGTERM.
+    const int devNull = open("/dev/null", O_RDONLY);
+    dup2(devNull, STDIN_FILENO);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    signal(SIGTERM, SIG_DFL);
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
   close(out);
   close(err);
+  if (mPid < 0) throw std::runtime_error("fork failed");
 }
 
 ChildProcess::~ChildProcess() {
-  if (Running()) {
-    kill(mPid, SIGKILL);
-    Wait(10000);
-  }
+  Signal(SIGKILL);
+  Wait();
 }
 
 void ChildProcess::Signal(int inSignal) const {
-  if (Running()) kill(mPid, inSignal);
+  if (!mEnded) kill(mPid, inSignal);
 }
 
 bool ChildProcess::Wait(int inTimeoutMs) {
-  if (mEnded) return true;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(inTimeoutMs);
-  for (;;) {
-    int status = 0;
-    pid_t r = waitpid(mPid, &status, WNOHANG);
-    if (r == mPid) {
-      mEnded = true;
-      if (WIFEXITED(status)) mExitCode = WEXITSTATUS(status);
-      if (WIFSIGNALED(status)) mTermSignal = WTERMSIG(status);
-      return true;
-    }
-    if (r < 0 && errno != EINTR) return false;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  return mEnded || Eventually(
+                       [this] {
+                         int status = 0;
+                         if (waitpid(mPid, &status, WNOHANG) != mPid) return false;
+                         mEnded = true;
+                         mExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+                         return true;
+                       },
+                       inTimeoutMs);
 }
 
-std::string ChildProcess::Stdout() const { return ReadFile(mStdoutPath); }
-std::string ChildProcess::Stderr() const { return ReadFile(mStderrPath); }
+std::string ChildProcess::Stdout() const { return ReadFile(mStem + ".out"); }
+std::string ChildProcess::Stderr() const { return ReadFile(mStem + ".err"); }
 
-ChildProcess::Environment ChildProcess::CurrentEnvironment() {
-  Environment env;
+ReceiverProcess::ReceiverProcess(const std::string& inSpool, const std::vector<std::string>& inExtraArgs)
+    : mProcess(
+          [&] {
+            std::vector<std::string> args = {BuiltProgram("porvane-receiver"), "--port", "0", "--spool", inSpool};
+            args.insert(args.end(), inExtraArgs.begin(), inExtraArgs.end());
+            return args;
+          }(),
+          CurrentEnvironment(), inSpool) {
+  const std::string kListening = "porvane-receiver: listening on 127.0.0.1:";
+  Eventually([&] {
+    const std::string out = mProcess.Stdout();
+    if (out.compare(0, kListening.size(), kListening) == 0) mPort = std::atoi(out.c_str() + kListening.size());
+    return mPort != 0 || !mProcess.Running();
+  });
+  if (mPort == 0) throw std::runtime_error("porvane-receiver did not start: " + mProcess.Stderr());
+}
+
+std::string ReceiverProcess::Url(const std::string& inPath) const {
+  return "http://127.0.0.1:" + std::to_string(mPort) + inPath;
+}
+
+std::vector<std::string> ReceiverProcess::Lines(size_t inCount) const {
+  std::vector<std::string> lines;
+  Eventually([&] {
+    lines.clear();
+    const std::string out = mProcess.Stdout();
+    for (size_t start = out.find('\n') + 1, end; (end = out.find('\n', start)) != std::string::npos; start = end + 1)
+      lines.push_back(out.substr(start, end - start));
+    return lines.size() >= inCount;
+  });
+  return lines;
+}
+
+std::string BuiltProgram(const std::string& inName) { return std::string(PORVANE_BINARY_DIR) + "/bin/" + inName; }
+
+ChildProcess::Environment CurrentEnvironment() {
+  ChildProcess::Environment env;
   for (char** e = environ; *e != nullptr; ++e) {
-    std::string entry = *e;
-    auto eq = entry.find('=');
+    const std::string entry = *e;
+    const size_t eq = entry.find('=');
     if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
   }
   return env;
+}
+
+bool Eventually(const std::function<bool()>& inCondition, int inTimeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(inTimeoutMs);
+  while (!inCondition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+int RunAsUser(uid_t inId, const std::function<int()>& inBody) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const bool switched = setresgid(inId, inId, inId) == 0 && setgroups(0, nullptr) == 0 &&
+                          setresuid(inId, inId, inId) == 0;
+    _exit(switched ? inBody() : 125);
+  }
+  int status = 0;
+  while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

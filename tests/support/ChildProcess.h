@@ -1,11 +1,12 @@
 // A program run by a test as a user would run it: its own argument list and
 // environment, standard output and error captured to files, signals sent and
-// the exit waited for with a bound.
+// the exit waited for with a bound. The child dies with the test process.
 #ifndef PORVANE_TESTS_SUPPORT_CHILDPROCESS_H
 #define PORVANE_TESTS_SUPPORT_CHILDPROCESS_H
 
 #include <sys/types.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -14,10 +15,10 @@ class ChildProcess {
  public:
   using Environment = std::map<std::string, std::string>;
 
-  // Starts inArgs[0] with inArgs and exactly inEnvironment. Its standard
-  // output and error go to files in inCaptureDir (which must exist).
+  // Starts inArgs[0] with inArgs and exactly inEnvironment; standard output
+  // and error go to inCaptureStem + ".out" and ".err".
   ChildProcess(const std::vector<std::string>& inArgs, const Environment& inEnvironment,
-               const std::string& inCaptureDir);
+               const std::string& inCaptureStem);
   // Kills (SIGKILL) and reaps a child that is still running.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
@@ -25,27 +26,54 @@ class ChildProcess {
 
   pid_t Pid() const { return mPid; }
   void Signal(int inSignal) const;
-
-  // Waits up to inTimeoutMs for the child to end. True when it ended; then
-  // ExitCode() is its exit status, or -1 when a signal ended it (TermSignal()).
-  bool Wait(int inTimeoutMs);
-  bool Running() const { return mPid > 0 && !mEnded; }
+  // Waits up to inTimeoutMs for the end. True when it ended; then ExitCode()
+  // is its status, or -1 when a signal ended it.
+  bool Wait(int inTimeoutMs = 60000);
+  bool Running() const { return !mEnded; }
   int ExitCode() const { return mExitCode; }
-  int TermSignal() const { return mTermSignal; }
-
   std::string Stdout() const;
   std::string Stderr() const;
-
-  // The process's environment as a map (to start from it and change a few).
-  static Environment CurrentEnvironment();
 
  private:
   pid_t mPid = -1;
   bool mEnded = false;
   int mExitCode = -1;
-  int mTermSignal = 0;
-  std::string mStdoutPath;
-  std::string mStderrPath;
+  std::string mStem;
 };
+
+// The reference receiver of the build tree, listening on a free loopback
+// port, stopped when the object goes away. Its output lines are
+//   kind=<kind> file=<name> bytes=<count> answer=<reply>
+//   rejected status=<http status> reason=<text>
+class ReceiverProcess {
+ public:
+  // porvane-receiver --port 0 --spool inSpool, then inExtraArgs; output is
+  // captured beside the spool. Throws when no port is reported within 10 s.
+  explicit ReceiverProcess(const std::string& inSpool, const std::vector<std::string>& inExtraArgs = {});
+  int Port() const { return mPort; }
+  std::string Url(const std::string& inPath = "/upload") const;
+  // The lines after the listening line, waiting up to 10 s for inCount.
+  std::vector<std::string> Lines(size_t inCount = 0) const;
+  ChildProcess& Process() { return mProcess; }
+
+ private:
+  ChildProcess mProcess;
+  int mPort = 0;
+};
+
+// The path of a program of the build tree ("porvane", "porvane-receiver").
+std::string BuiltProgram(const std::string& inName);
+
+// The process's own environment, to start from it and change a few.
+ChildProcess::Environment CurrentEnvironment();
+
+// Waits (bounded) until inCondition holds.
+bool Eventually(const std::function<bool()>& inCondition, int inTimeoutMs = 10000);
+
+// inBody's result, run in a forked child as user and group inId with no
+// supplementary groups; 125 when it could not switch, -1 when it did not
+// exit normally. Only root can switch.
+int RunAsUser(uid_t inId, const std::function<int()>& inBody);
+constexpr uid_t kNobody = 65534;
 
 #endif  // PORVANE_TESTS_SUPPORT_CHILDPROCESS_H

@@ -1,6 +1,5 @@
-// A loopback TCP server for tests that need a peer misbehaving on purpose:
-// each accepted connection is handed to the test's handler on the server's
-// thread, one connection at a time.
+// A loopback HTTP peer that misbehaves on purpose: every connection goes to
+// the test's handler, on the server's thread, one at a time.
 #ifndef PORVANE_TESTS_SUPPORT_RAWSERVER_H
 #define PORVANE_TESTS_SUPPORT_RAWSERVER_H
 
@@ -13,46 +12,35 @@
 
 class RawServer {
  public:
-  // Handles one connection; the server closes the socket after it returns.
-  using Handler = std::function<void(int inSocket, RawServer& inServer)>;
+  // Handles one connection; the socket is closed after it returns.
+  using Handler = std::function<void(RawServer& inServer, int inSocket)>;
 
-  // Listens on 127.0.0.1 on a free port and starts accepting.
+  // Listens on a free port of 127.0.0.1.
   explicit RawServer(Handler inHandler);
-  // Stops accepting, ends a handler blocked in ReadRequest/WaitUntilStopped
-  // and joins the thread.
+  // Stops: a handler blocked in ReadRequest sees the end of its peer.
   ~RawServer();
   RawServer(const RawServer&) = delete;
   RawServer& operator=(const RawServer&) = delete;
 
   int Port() const { return mPort; }
   std::string Url(const std::string& inPath = "/upload") const;
-  int Connections() const { return mConnections.load(); }
-  bool Stopping() const { return mStopping.load(); }
-
-  // Reads one HTTP request (headers and a Content-Length body) from inSocket;
-  // returns what arrived (possibly partial when the peer closed or the server
-  // is stopping). Also appended to Requests().
-  std::string ReadRequest(int inSocket);
-  // Blocks until the server stops or the peer closes inSocket.
-  void WaitUntilStoppedOrClosed(int inSocket);
-  // Writes all of inData; false when the peer is gone.
-  static bool WriteAll(int inSocket, const std::string& inData);
-  // "HTTP/1.1 200 OK" with Content-Length and Connection: close.
-  static std::string HttpReply(const std::string& inBody, int inStatus = 200);
-  // A client socket connected to 127.0.0.1:inPort, owned by the caller (who
-  // closes it); -1 when nothing accepts there.
-  static int ConnectLoopback(int inPort);
-
+  // Every request ReadRequest has read so far.
   std::vector<std::string> Requests();
 
- private:
-  void AcceptLoop();
+  // Reads one request, headers and a Content-Length body; less when the
+  // peer closes first or the server stops (then "" for a further call).
+  std::string ReadRequest(int inSocket);
+  // Sends inData whole (ignoring a peer that is gone).
+  static void Send(int inSocket, const std::string& inData);
+  // A whole reply with status inStatus and body inBody; the connection closes.
+  static std::string Reply(const std::string& inBody, int inStatus = 200);
 
+ private:
   Handler mHandler;
   int mListener = -1;
   int mPort = 0;
+  std::atomic<int> mClient{-1};
   std::atomic<bool> mStopping{false};
-  std::atomic<int> mConnections{0};
   std::mutex mMutex;
   std::vector<std::string> mRequests;
   std::thread mThread;

@@ -1,5 +1,6 @@
 #include "TempDir.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -46,4 +47,11 @@ std::string ReadFile(const std::string& inPath) {
   in.read(content.data(), static_cast<std::streamsize>(content.size()));
   if (!in) throw std::runtime_error("cannot read " + inPath);
   return content;
+}
+
+std::vector<std::string> Names(const std::string& inFolder) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(inFolder)) names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
 }

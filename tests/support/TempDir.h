@@ -4,6 +4,7 @@
 #define PORVANE_TESTS_SUPPORT_TEMPDIR_H
 
 #include <string>
+#include <vector>
 
 class TempDir {
  public:
@@ -25,5 +26,7 @@ class TempDir {
 void WriteFile(const std::string& inPath, const std::string& inContent);
 // The whole content of inPath; throws when it cannot be read.
 std::string ReadFile(const std::string& inPath);
+// The names in inFolder, sorted.
+std::vector<std::string> Names(const std::string& inFolder);
 
 #endif  // PORVANE_TESTS_SUPPORT_TEMPDIR_H
