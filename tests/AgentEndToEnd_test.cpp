@@ -1,247 +1,272 @@
-// The built porvane, run as a user runs it, against the reference receiver on
-// loopback, with a private home and a fake install prefix.
+// The built porvane, run as a user runs it: a private home, a private install
+// prefix, a private /dev/shm (so its machine-wide lock is never the
+// machine's), against the reference receiver or a misbehaving peer on
+// loopback. Whatever happens, every log file is acknowledged once or still
+// in its folder.
+#include <fcntl.h>
 #include <semaphore.h>
 #include <signal.h>
-#include <unistd.h>
+#include <utime.h>
 
-#include <chrono>
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+
+#include <ctime>
 #include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
 #include <thread>
 
-#include "AgentFixture.h"
-#include "AgentLock.h"
+#include "ChildProcess.h"
+#include "PrivateHome.h"
 #include "RawServer.h"
-#include "ReceiverProcess.h"
-#include "ResourceLocker.h"
+
+namespace fs = std::filesystem;
+using Strings = std::vector<std::string>;
 
 namespace {
 
-using Strings = std::vector<std::string>;
+const char kLockFile[] = "/dev/shm/sem.rDYSDwOgFCbsPgPa4MYm3Q==";
 
-// True when nobody holds the agent's lock (taking it at once succeeds).
-bool AgentLockIsFree() {
-  qvd::ResourceLocker probe(kAgentLockName, 0);
-  if (!probe.lock()) return false;
-  probe.unlock(false);
-  return true;
-}
-
-// Waits (bounded) until inCondition holds.
-template <typename Condition>
-bool Eventually(Condition inCondition, int inTimeoutMs = 10000) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(inTimeoutMs);
-  while (!inCondition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
-}
-
-class AgentEndToEnd : public AgentFixture {
+class AgentEndToEnd : public ::testing::Test {
  protected:
-  std::string Spool(const std::string& inName) const {
-    std::string dir = mRoot / ("spool/" + inName);
-    std::filesystem::create_directories(dir);
-    return dir;
+  void SetUp() override {
+    const std::string why = UsePrivateShm();
+    if (!why.empty()) GTEST_SKIP() << "needs a private /dev/shm for the agent's lock: " << why;
+    fs::create_directories(mHome / "prefix/bin");
+    fs::create_directories(mHome / "prefix/share/porvane");
+    fs::copy_file(BuiltProgram("porvane"), mHome / "prefix/bin/porvane");
+    fs::create_directories(mLogs);
   }
+  void Install(const std::string& inConfig) { WriteFile(mHome / "prefix/share/porvane/Porvane.cfg", inConfig); }
+  // A log file inAgeSeconds old.
+  void Log(const std::string& inName, const std::string& inContent, int inAgeSeconds = 0, std::string inDir = "") {
+    const std::string path = (inDir.empty() ? mLogs : inDir) + "/" + inName;
+    WriteFile(path, inContent);
+    const utimbuf times{std::time(nullptr) - inAgeSeconds, std::time(nullptr) - inAgeSeconds};
+    utime(path.c_str(), &times);
+  }
+  std::unique_ptr<ChildProcess> Start(Strings inArgs, const ChildProcess::Environment& inEnv = {}) {
+    inArgs.insert(inArgs.begin(), mHome / "prefix/bin/porvane");
+    ChildProcess::Environment env = mHome.Environment();
+    for (const auto& [name, value] : inEnv) env[name] = value;
+    return std::make_unique<ChildProcess>(inArgs, env, mHome / ("tmp/agent" + std::to_string(++mRuns)));
+  }
+  int Run(const Strings& inArgs, const ChildProcess::Environment& inEnv = {}) {
+    auto agent = Start(inArgs, inEnv);
+    EXPECT_TRUE(agent->Wait()) << "the pass did not end";
+    EXPECT_EQ(agent->Stdout() + agent->Stderr(), "");
+    return agent->ExitCode();
+  }
+  // A file kept for a retry: the agent waits 60 s, so the test ends the wait
+  // with SIGTERM, which ends the pass with status 1 and the file kept.
+  void ExpectWaitingThenStop(ChildProcess& ioAgent) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_TRUE(ioAgent.Running()) << "the agent should wait to retry";
+    ioAgent.Signal(SIGTERM);
+    ASSERT_TRUE(ioAgent.Wait(10000)) << "SIGTERM did not end the pass";
+    EXPECT_EQ(ioAgent.ExitCode(), 1);
+    EXPECT_FALSE(fs::exists(kLockFile));
+  }
+  std::string Spool(const std::string& inName) { return mHome / ("spool-" + inName); }
+
+  PrivateHome mHome;
+  const std::string mLogs = mHome.LogFolder();
+  int mRuns = 0;
 };
 
-TEST_F(AgentEndToEnd, OnePassUploadsEveryFinishedFileAndStoresTheStatus) {
-  ReceiverProcess receiver(Spool("r"));
-  WriteInstallConfig("[System]\nUploadURL=" + receiver.Url() + "\n");
-  WriteLog(DefaultLogFolder(), "u1_a.log", "first");
-  WriteLog(DefaultLogFolder(), "u2_b.log", "second");
-  WriteLog(DefaultLogFolder(), "u1_c.log.tmp", "still being written");
-  std::filesystem::create_directories(DefaultLogFolder() + "/sub");
-
-  auto agent = Run({});
-
-  EXPECT_EQ(agent->ExitCode(), 0) << agent->Stderr();
-  EXPECT_EQ(agent->Stdout(), "");
-  EXPECT_EQ(agent->Stderr(), "");
-  EXPECT_EQ(Names(DefaultLogFolder()), (Strings{"sub", "u1_c.log.tmp"}));
-  EXPECT_EQ(ReadFile(mRoot / "spool/r/u1_a.log"), "first");
-  EXPECT_EQ(ReadFile(mRoot / "spool/r/u2_b.log"), "second");
-  EXPECT_EQ(receiver.WaitForLines(2).size(), 2u);
-  EXPECT_EQ(ReadFile(UserSettingsPath()), "[u1]\nstatus=Active\n[u2]\nstatus=Active\n");
-  EXPECT_TRUE(AgentLockIsFree());
+std::string DateInDays(int inDays) {
+  const std::time_t when = std::time(nullptr) + inDays * 86400;
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%b-%d", std::localtime(&when));
+  return text;
 }
 
-TEST_F(AgentEndToEnd, ReceiverComesFromOptionThenEnvironmentThenInstallation) {
+TEST_F(AgentEndToEnd, EachReplyWordDecidesTheFileAndTheKindsNextFiles) {
+  WriteFile(mHome / "policy.cfg", "[Policy]\nu2=Delete\nu3=Hibernate 3\nu4=Disabled\n*=Active\n");
+  ReceiverProcess receiver(Spool("r"), {"--policy", mHome / "policy.cfg"});
+  Install("[System]\nUploadURL=" + receiver.Url() + "\n");
+  for (const char* name : {"u1_a.log", "u2_b.log", "u3_c.log", "u4_d.log", "nokind.log", "u5_e.log.tmp"})
+    Log(name, std::string("content of ") + name);
+  fs::create_directories(mLogs + "/sub");
+
+  EXPECT_EQ(Run({}), 0);
+  EXPECT_EQ(Names(mLogs), (Strings{"sub", "u5_e.log.tmp"}));
+  EXPECT_EQ(Names(Spool("r")), (Strings{"nokind.log", "u1_a.log", "u2_b.log", "u3_c.log", "u4_d.log"}));
+  EXPECT_EQ(ReadFile(Spool("r") + "/u3_c.log"), "content of u3_c.log");
+  EXPECT_EQ(ReadFile(mHome.UserSettings()), "[u1]\nstatus=Active\n[u2]\nstatus=Active\n[u3]\nhibernatewakedate=" +
+                                                DateInDays(3) + "\nstatus=Hibernate\n[u4]\nstatus=Disabled\n");
+  EXPECT_FALSE(fs::exists(kLockFile));
+
+  // Hibernating and disabled kinds go unsent; a hibernation that has ended
+  // is lifted.
+  WriteFile(mHome.UserSettings(), "[u3]\nStatus=Hibernate\nHibernateWakeDate=" + DateInDays(2) +
+                                      "\n[u4]\nStatus=Disabled\n[u6]\nStatus=Hibernate\nHibernateWakeDate=" +
+                                      DateInDays(0) + "\n");
+  for (const char* name : {"u3_f.log", "u4_g.log", "u6_h.log"}) Log(name, "later");
+  EXPECT_EQ(Run({}), 0);
+  EXPECT_EQ(Names(mLogs), (Strings{"sub", "u5_e.log.tmp"}));
+  EXPECT_EQ(receiver.Lines(6).size(), 6u);
+  EXPECT_EQ(receiver.Lines().back(), "kind=u6 file=u6_h.log bytes=5 answer=Active");
+}
+
+TEST_F(AgentEndToEnd, ReceiverAndFolderComeFromOptionThenEnvironmentThenInstallation) {
   ReceiverProcess byOption(Spool("option")), byEnv(Spool("env")), byConfig(Spool("config"));
-  WriteInstallConfig("[System]\nUploadURL=" + byConfig.Url() + "\n");
-  const ChildProcess::Environment env = {{"receiverURL", byEnv.Url()}};
+  Install("[System]\nUploadURL=" + byConfig.Url() + "\n");
+  const std::string optionDir = mHome / "byOption", envDir = mHome / "byEnv";
+  fs::create_directories(optionDir);
+  fs::create_directories(envDir);
+  Log("k_1.log", "o", 0, optionDir);
+  Log("k_2.log", "e", 0, envDir);
+  Log("k_3.log", "d");
+  EXPECT_EQ(Run({"-logDir=" + optionDir, "-receiverURL=" + byOption.Url()}, {{"logDir", envDir}}), 0);
+  EXPECT_EQ(Run({}, {{"logDir", envDir}, {"receiverURL", byEnv.Url()}}), 0);
+  EXPECT_EQ(Run({"-noLock"}), 0);
+  EXPECT_EQ(byOption.Lines(1), Strings{"kind=k file=k_1.log bytes=1 answer=Active"});
+  EXPECT_EQ(byEnv.Lines(1), Strings{"kind=k file=k_2.log bytes=1 answer=Active"});
+  EXPECT_EQ(byConfig.Lines(1), Strings{"kind=k file=k_3.log bytes=1 answer=Active"});
 
-  WriteLog(DefaultLogFolder(), "k_1.log", "one");
-  EXPECT_EQ(Run({"-receiverURL=" + byOption.Url()}, env)->ExitCode(), 0);
-  WriteLog(DefaultLogFolder(), "k_2.log", "two");
-  EXPECT_EQ(Run({}, env)->ExitCode(), 0);
-  WriteLog(DefaultLogFolder(), "k_3.log", "three");
-  EXPECT_EQ(Run({})->ExitCode(), 0);
-
-  EXPECT_EQ(byOption.WaitForLines(1), (Strings{"kind=k file=k_1.log bytes=3 answer=Active"}));
-  EXPECT_EQ(byEnv.WaitForLines(1), (Strings{"kind=k file=k_2.log bytes=3 answer=Active"}));
-  EXPECT_EQ(byConfig.WaitForLines(1), (Strings{"kind=k file=k_3.log bytes=5 answer=Active"}));
-}
-
-TEST_F(AgentEndToEnd, LogFolderComesFromOptionThenEnvironmentThenDefault) {
-  ReceiverProcess receiver(Spool("r"));
-  const std::string optionDir = mRoot / "byOption", envDir = mRoot / "byEnv";
-  std::filesystem::create_directories(optionDir);
-  std::filesystem::create_directories(envDir);
-  WriteLog(optionDir, "a_1.log", "o");
-  WriteLog(envDir, "b_1.log", "e");
-  WriteLog(DefaultLogFolder(), "c_1.log", "d");
-  const std::string url = "-receiverURL=" + receiver.Url();
-
-  EXPECT_EQ(Run({"-logDir=" + optionDir, url}, {{"logDir", envDir}})->ExitCode(), 0);
-  EXPECT_TRUE(Names(optionDir).empty());
-  EXPECT_EQ(Names(envDir).size(), 1u);
-
-  EXPECT_EQ(Run({url}, {{"logDir", envDir}})->ExitCode(), 0);
-  EXPECT_TRUE(Names(envDir).empty());
-  EXPECT_EQ(Names(DefaultLogFolder()).size(), 1u);
-
-  EXPECT_EQ(Run({url})->ExitCode(), 0);
-  EXPECT_TRUE(Names(DefaultLogFolder()).empty());
-  EXPECT_EQ(receiver.WaitForLines(3).size(), 3u);
-}
-
-TEST_F(AgentEndToEnd, EmptyUploadUrlFallsBackToTheBuiltInReceiver) {
-  // The built-in receiver is https; a proxy named by https_proxy sees the
-  // CONNECT for its host. It then hangs up, so the upload fails and the agent
-  // waits to retry until SIGTERM ends the file's retries.
-  RawServer proxy([](int inSocket, RawServer& inServer) { inServer.ReadRequest(inSocket); });
-  WriteInstallConfig("[System]\nUploadURL=\n");
-  const std::string log = WriteLog(DefaultLogFolder(), "k_1.log", "kept");
-
-  auto agent = Start({}, {{"https_proxy", "http://127.0.0.1:" + std::to_string(proxy.Port())}});
+  // An empty UploadURL means the built-in receiver (https): the proxy named
+  // by https_proxy is asked to CONNECT to it.
+  RawServer proxy([](RawServer& inServer, int inSocket) { inServer.ReadRequest(inSocket); });
+  Install("[System]\nUploadURL=\n");
+  Log("k_4.log", "kept");
+  auto agent = Start({}, {{"https_proxy", proxy.Url("")}});
   ASSERT_TRUE(Eventually([&] { return !proxy.Requests().empty(); }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  agent->Signal(SIGTERM);
-  ASSERT_TRUE(agent->Wait(10000));
-
-  EXPECT_EQ(agent->ExitCode(), 1);
-  EXPECT_EQ(proxy.Requests().front().rfind("CONNECT collect.tarvo.example:443 HTTP/1.1\r\n", 0), 0u)
-      << proxy.Requests().front();
-  EXPECT_EQ(ReadFile(log), "kept");
-  EXPECT_TRUE(AgentLockIsFree());
+  EXPECT_EQ(proxy.Requests()[0].rfind("CONNECT collect.tarvo.example:443 HTTP/1.1\r\n", 0), 0u);
+  ExpectWaitingThenStop(*agent);
+  EXPECT_EQ(Names(mLogs), Strings{"k_4.log"});
 }
 
-TEST_F(AgentEndToEnd, LockHeldElsewhereEndsWithOneAndTrimsNothing) {
-  ReceiverProcess receiver(Spool("r"));
-  WriteInstallConfig("[System]\nMaxTotalDirSize=10\nUploadURL=" + receiver.Url() + "\n");
-  WriteLog(DefaultLogFolder(), "k_old.log", "0123456789", 100);
-  WriteLog(DefaultLogFolder(), "k_new.log", "0123456789");
-
-  {
-    qvd::ResourceLocker holder(kAgentLockName, 0);
-    ASSERT_TRUE(holder.lock());
-    auto agent = Run({});
-    EXPECT_EQ(agent->ExitCode(), 1);
-    EXPECT_EQ(Names(DefaultLogFolder()), (Strings{"k_new.log", "k_old.log"}));
-
-    // -noLock neither waits for the lock nor touches it: the pass runs, the
-    // folder is trimmed to its budget first, and the lock stays ours.
-    auto unlocked = Run({"-noLock"});
-    EXPECT_EQ(unlocked->ExitCode(), 0);
-    EXPECT_TRUE(Names(DefaultLogFolder()).empty());
-    EXPECT_EQ(receiver.WaitForLines(1), (Strings{"kind=k file=k_new.log bytes=10 answer=Active"}));
-    EXPECT_TRUE(holder.isLocked());
-  }
-  EXPECT_TRUE(AgentLockIsFree());
-}
-
-TEST_F(AgentEndToEnd, TrimsTheDefaultFolderOldestFirstBeforeUploading) {
-  ReceiverProcess receiver(Spool("r"));
-  WriteInstallConfig("[System]\nMaxTotalDirSize=2500\nUploadURL=" + receiver.Url() + "\n");
-  const std::string kilo(1000, 'x');
-  WriteLog(DefaultLogFolder(), "k_oldest.log", kilo, 300);
-  WriteLog(DefaultLogFolder(), "k_older.log", kilo, 200);
-  WriteLog(DefaultLogFolder(), "k_new.log", kilo, 100);
-  WriteLog(DefaultLogFolder(), "k_newest.log", kilo);
-  WriteLog(DefaultLogFolder(), "k_big.log.tmp", std::string(5000, 't'), 400);
-
-  auto agent = Run({});
-
-  EXPECT_EQ(agent->ExitCode(), 0);
-  EXPECT_EQ(Names(DefaultLogFolder()), (Strings{"k_big.log.tmp"}));
-  EXPECT_EQ(Names(mRoot / "spool/r"), (Strings{"k_new.log", "k_newest.log"}));
-}
-
-TEST_F(AgentEndToEnd, ExitStatusIsOneWhenThereIsNothingToRunWith) {
-  ReceiverProcess receiver(Spool("r"));
-  const std::string url = "-receiverURL=" + receiver.Url();
-  WriteLog(DefaultLogFolder(), "k_1.log", "x");
-
-  EXPECT_EQ(Run({url}, {{"logDir", ""}})->ExitCode(), 1) << "empty log folder";
-  EXPECT_EQ(Run({"-logDir=" + (mRoot / "missing"), url})->ExitCode(), 1) << "missing log folder";
-  EXPECT_EQ(Run({}, {{"receiverURL", ""}})->ExitCode(), 1) << "empty receiver";
-
-  // Neither the log folder nor the settings folder can be made: no log
-  // folder, so the run is not attempted even though a receiver is named.
-  WriteFile(mRoot / "blocker", "a file where folders should go");
-  auto noFolders = Run({url}, {{"XDG_STATE_HOME", mRoot / "blocker/state"}, {"XDG_DATA_HOME", mRoot / "blocker/data"}});
-  EXPECT_EQ(noFolders->ExitCode(), 1);
-
-  EXPECT_TRUE(receiver.Lines().empty());
-  EXPECT_EQ(Names(DefaultLogFolder()), (Strings{"k_1.log"}));
-  EXPECT_TRUE(AgentLockIsFree());
-}
-
-TEST_F(AgentEndToEnd, RejectedArgumentEndsBeforeAnythingIsTouched) {
-  ReceiverProcess receiver(Spool("r"));
-  WriteInstallConfig("[System]\nMaxTotalDirSize=0\nUploadURL=" + receiver.Url() + "\n");
-  WriteLog(DefaultLogFolder(), "k_1.log", "stays");
-
-  for (const std::string bad : {"-logDir=/tmp/logs/", "-logDir=", "noLock", "-a=b c", "---noLock"}) {
-    auto agent = Run({"-noLock", bad});
-    EXPECT_EQ(agent->ExitCode(), 2) << bad;
-    EXPECT_EQ(agent->Stderr(), "porvane: invalid argument: " + bad + "\n");
-    EXPECT_EQ(agent->Stdout(), "");
-  }
-  EXPECT_TRUE(receiver.Lines().empty());
-  EXPECT_EQ(Names(DefaultLogFolder()), (Strings{"k_1.log"}));
-  EXPECT_FALSE(std::filesystem::exists(UserSettingsPath()));
-  EXPECT_TRUE(AgentLockIsFree());
-}
-
-TEST_F(AgentEndToEnd, SigtermEndsAStalledUploadAndReleasesTheLock) {
-  RawServer stalled([](int inSocket, RawServer& inServer) {
+TEST_F(AgentEndToEnd, BrokenExchangesKeepTheFileAndOnlyTheReplyBodyCounts) {
+  const auto reset = [](RawServer& inServer, int inSocket) {
     inServer.ReadRequest(inSocket);
-    inServer.WaitUntilStoppedOrClosed(inSocket);
-  });
-  const std::string log = WriteLog(DefaultLogFolder(), "k_1.log", "kept");
-  WriteLog(DefaultLogFolder(), "k_2.log", "not reached");
-
-  auto agent = Start({"-receiverURL=" + stalled.Url()});
-  ASSERT_TRUE(Eventually([&] { return !stalled.Requests().empty(); }));
-  agent->Signal(SIGTERM);
-  ASSERT_TRUE(agent->Wait(10000)) << "SIGTERM did not end the stalled upload";
-
-  EXPECT_EQ(agent->ExitCode(), 1);
-  EXPECT_EQ(Names(DefaultLogFolder()), (Strings{"k_1.log", "k_2.log"}));
-  EXPECT_EQ(stalled.Connections(), 1);
-  EXPECT_TRUE(AgentLockIsFree());
+    const linger abortive{1, 0};
+    setsockopt(inSocket, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+  };
+  const auto answer = [](const std::string& inReply) {
+    return [inReply](RawServer& inServer, int inSocket) {
+      inServer.ReadRequest(inSocket);
+      RawServer::Send(inSocket, inReply);
+    };
+  };
+  const std::map<std::string, std::pair<RawServer::Handler, bool>> kPeers = {
+      {"reset", {reset, false}},
+      {"close after the request", {[](RawServer& inServer, int inSocket) { inServer.ReadRequest(inSocket); }, false}},
+      {"close after headers", {answer("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\n"), false}},
+      {"500, empty body", {answer(RawServer::Reply("", 500)), false}},
+      {"garbage", {answer("What?\r\n\r\n"), false}},
+      {"lower case", {answer(RawServer::Reply("active")), false}},
+      {"never answers", {[](RawServer& inServer, int inSocket) {
+                           inServer.ReadRequest(inSocket);
+                           inServer.ReadRequest(inSocket);  // until the agent goes
+                         },
+                         false}},
+      {"500 saying Active", {answer(RawServer::Reply("Active", 500)), true}},
+  };
+  for (const auto& [name, peer] : kPeers) {
+    SCOPED_TRACE(name);
+    RawServer server(peer.first);
+    Log("k_1.log", name);
+    auto agent = Start({"-receiverURL=" + server.Url()});
+    ASSERT_TRUE(Eventually([&] { return !server.Requests().empty(); }));
+    if (peer.second) {
+      EXPECT_TRUE(agent->Wait());
+      EXPECT_EQ(agent->ExitCode(), 0);
+      EXPECT_TRUE(Names(mLogs).empty());
+    } else {
+      ExpectWaitingThenStop(*agent);
+      EXPECT_EQ(server.Requests().size(), 1u) << "retried too early";
+      EXPECT_EQ(Names(mLogs), Strings{"k_1.log"});
+    }
+  }
 }
 
-TEST_F(AgentEndToEnd, SigtermDuringTheRetryWaitEndsThePass) {
-  const std::string policy = mRoot / "policy.cfg";
-  WriteFile(policy, "[Policy]\n*=Later\n");
-  ReceiverProcess receiver(Spool("r"), policy);
-  WriteLog(DefaultLogFolder(), "k_1.log", "kept");
+TEST_F(AgentEndToEnd, KilledProgramsLoseNoFile) {
+  for (int i = 0; i < 40; ++i) Log("k_" + std::to_string(100 + i) + ".log", std::string(1000, 'a' + i % 26));
+  std::set<std::string> acked;
+  const auto acknowledge = [&](const ReceiverProcess& inReceiver) {
+    for (const std::string& line : inReceiver.Lines()) acked.insert(line.substr(line.find("file=") + 5, 9));
+  };
+  // Every file was acknowledged or is still there (or both, when the kill
+  // came between the two).
+  const auto lost = [&] {
+    std::set<std::string> seen = acked;
+    for (const std::string& name : Names(mLogs)) seen.insert(name);
+    return 40 - seen.size();
+  };
+  // The receiver dies mid-run: the agent keeps the rest and waits.
+  std::optional<ReceiverProcess> receiver(std::in_place, Spool("1"), Strings{"--delay-ms", "30"});
+  auto agent = Start({"-receiverURL=" + receiver->Url()});
+  ASSERT_TRUE(Eventually([&] { return receiver->Lines().size() >= 5; }));
+  receiver->Process().Signal(SIGKILL);
+  ExpectWaitingThenStop(*agent);
+  acknowledge(*receiver);
+  EXPECT_EQ(lost(), 0u);
 
-  auto agent = Start({"-receiverURL=" + receiver.Url()});
-  ASSERT_EQ(receiver.WaitForLines(1).size(), 1u);
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  ASSERT_TRUE(agent->Running()) << "the agent should be waiting 60 s to retry";
-  agent->Signal(SIGTERM);
-  ASSERT_TRUE(agent->Wait(10000)) << "SIGTERM did not end the retry wait";
+  // The agent dies mid-upload: its lock stays and stops the next pass until
+  // porvane-unlock clears it; then the rest is delivered.
+  receiver.emplace(Spool("2"), Strings{"--delay-ms", "30"});
+  agent = Start({"-receiverURL=" + receiver->Url()});
+  ASSERT_TRUE(Eventually([&] { return receiver->Lines().size() >= 5; }));
+  agent->Signal(SIGKILL);
+  ASSERT_TRUE(agent->Wait());
+  EXPECT_TRUE(fs::exists(kLockFile));
+  EXPECT_EQ(Run({"-receiverURL=" + receiver->Url()}), 1);
+  ChildProcess unlock({BuiltProgram("porvane-unlock")}, {}, mHome / "tmp/unlock");
+  ASSERT_TRUE(unlock.Wait());
+  EXPECT_EQ(Run({"-receiverURL=" + receiver->Url()}), 0);
+  acknowledge(*receiver);
+  EXPECT_EQ(lost(), 0u);
+  EXPECT_EQ(acked.size(), 40u);
+  EXPECT_TRUE(Names(mLogs).empty());
+}
 
-  EXPECT_EQ(agent->ExitCode(), 1);
-  EXPECT_EQ(receiver.Lines().size(), 1u);
-  EXPECT_EQ(Names(DefaultLogFolder()), (Strings{"k_1.log"}));
-  EXPECT_TRUE(AgentLockIsFree());
+TEST_F(AgentEndToEnd, TheLockAndTheTrimComeFirstAndTheTrimIsOfTheDefaultFolder) {
+  ReceiverProcess receiver(Spool("r"));
+  Install("[System]\nMaxTotalDirSize=2500\nUploadURL=" + receiver.Url() + "\n");
+  const std::string other = mHome / "other";
+  fs::create_directories(other);
+  Log("k_o.log", "elsewhere", 500, other);
+  for (const auto& [name, age] : {std::pair{"k_oldest.log", 300}, {"k_older.log", 200}, {"k_new.log", 100}, {"k_newest.log", 0}})
+    Log(name, std::string(1000, 'x'), age);
+  Log("k_big.log.tmp", std::string(5000, 't'), 400);
+
+  sem_t* held = sem_open("/rDYSDwOgFCbsPgPa4MYm3Q==", O_CREAT | O_EXCL, 0700, 1);
+  ASSERT_NE(held, SEM_FAILED);
+  EXPECT_EQ(Run({"-logDir=" + other}), 1);
+  EXPECT_EQ(Names(mLogs).size(), 5u);
+  EXPECT_EQ(Run({"-noLock", "-logDir=" + other}), 0);
+  EXPECT_TRUE(fs::exists(kLockFile));
+  sem_unlink("/rDYSDwOgFCbsPgPa4MYm3Q==");
+  EXPECT_EQ(Names(mLogs), (Strings{"k_big.log.tmp", "k_new.log", "k_newest.log"}));
+  EXPECT_TRUE(Names(other).empty());
+}
+
+TEST_F(AgentEndToEnd, NothingToRunWithEndsWithOneAndABadArgumentWithTwo) {
+  ReceiverProcess receiver(Spool("r"));
+  Install("[System]\nMaxTotalDirSize=0\nUploadURL=" + receiver.Url() + "\n");
+  Log("k_1.log", "stays");
+  for (const std::string bad : {"-logDir=/tmp/logs/", "-logDir=", "noLock", "-a=b c", "---noLock"}) {
+    auto agent = Start({"-noLock", bad});
+    ASSERT_TRUE(agent->Wait());
+    EXPECT_EQ(agent->ExitCode(), 2);
+    EXPECT_EQ(agent->Stderr(), "porvane: invalid argument: " + bad + "\n");
+  }
+  EXPECT_EQ(Names(mLogs), Strings{"k_1.log"});
+  WriteFile(mHome / "blocker", "a file where folders should go");
+  const std::pair<Strings, ChildProcess::Environment> kNothing[] = {
+      {{}, {{"logDir", ""}}},
+      {{"-logDir=" + (mHome / "missing")}, {}},
+      {{"-noLock"}, {{"receiverURL", ""}}},
+      {{}, {{"XDG_STATE_HOME", mHome / "blocker/s"}, {"XDG_DATA_HOME", mHome / "blocker/d"}}},
+  };
+  for (const auto& [args, env] : kNothing) EXPECT_EQ(Run(args, env), 1) << ::testing::PrintToString(env);
+  EXPECT_TRUE(receiver.Lines().empty());
+  EXPECT_FALSE(fs::exists(kLockFile));
 }
 
 }  // namespace

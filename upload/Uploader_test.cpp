@@ -1,0 +1,121 @@
+// The uploader as the run uses it (CreateUploader, UploadFile, IsFinished,
+// GetReply), against peers on loopback that answer, misbehave or relay.
+#include "Uploader.h"
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "PrivateHome.h"
+#include "RawServer.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+// A peer that reads one request, then sends inChunks with a pause between.
+RawServer::Handler Answer(std::vector<std::string> inChunks) {
+  return [inChunks](RawServer& inServer, int inSocket) {
+    inServer.ReadRequest(inSocket);
+    for (const std::string& chunk : inChunks) {
+      RawServer::Send(inSocket, chunk);
+      std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    }
+  };
+}
+
+// The value of header inName in inRequest, "" when it has none.
+std::string Header(const std::string& inRequest, const std::string& inName) {
+  const size_t start = inRequest.find("\r\n" + inName + ": ");
+  if (start == std::string::npos || start > inRequest.find("\r\n\r\n")) return "";
+  const size_t value = start + inName.size() + 4;
+  return inRequest.substr(value, inRequest.find("\r\n", value) - value);
+}
+
+class UploaderTest : public ::testing::Test {
+ protected:
+  UploaderTest() { WriteFile(mLog, "hello world"); }
+  // The reply of one upload of inFile to inUrl; "(none)" when there was none.
+  std::string Upload(const std::string& inUrl, bool inSetUp = true, const std::string& inFile = "") {
+    std::unique_ptr<Uploader> uploader(CreateUploader());
+    EXPECT_EQ(uploader->UploadFile(inFile.empty() ? mLog : inFile, inUrl), inSetUp) << inUrl;
+    EXPECT_TRUE(uploader->IsFinished());
+    return uploader->GetReply() != nullptr ? uploader->GetReply() : "(none)";
+  }
+  PrivateHome mHome;
+  const std::string mLog = mHome / "usage1.log";
+};
+
+TEST_F(UploaderTest, SendsExactlyTheBodyAndHeadersAndKeepsTheReply) {
+  RawServer server(Answer({RawServer::Reply("Hibernate 30\r\n")}));
+  EXPECT_EQ(Upload(server.Url("/a%41b%2Fc d?x=%7e")), "Hibernate 30\r\n");
+  ASSERT_EQ(server.Requests().size(), 1u);
+  const std::string request = server.Requests()[0];
+  const std::string type = Header(request, "Content-Type"), boundary = type.substr(type.find('=') + 1);
+  EXPECT_EQ(type, "multipart/form-data; boundary=" + boundary);
+  EXPECT_TRUE(boundary.size() >= 16 && boundary.size() <= 25 && boundary.find_first_not_of("0123456789") == std::string::npos);
+  const std::string body = "--" + boundary +
+                           "\r\nContent-Disposition: form-data; name=\"logfile\"; filename=\"usage1.log\"\r\n"
+                           "Content-Type: application/octet-stream\r\n\r\nhello world\r\n\r\n--" + boundary + "--";
+  EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), body);
+  EXPECT_EQ(body.size(), 115 + 2 * boundary.size() + 10 + 11);
+  EXPECT_EQ(request.substr(0, request.find("\r\nHost: ")), "POST /aAb/c%20d?x=~ HTTP/1.1");
+  EXPECT_EQ(Header(request, "User-Agent"),
+            "Mozilla/5.0 (Macintosh; U; PPC Mac OS X; en-us) AppleWebKit/125.5.5 (KHTML, like Gecko) Safari/125");
+  EXPECT_EQ(Header(request, "Content-Length"), std::to_string(body.size()));
+  // A body large enough for libcurl to ask for "100-continue" goes without.
+  WriteFile(mLog, std::string(3 << 20, 'x'));
+  EXPECT_EQ(Upload(server.Url()), "Hibernate 30\r\n");
+  for (const char* unwanted : {"Expect", "Transfer-Encoding", "Accept-Encoding"})
+    EXPECT_EQ(Header(server.Requests().back(), unwanted), "") << unwanted;
+}
+
+TEST_F(UploaderTest, OnlyTheFirstChunkOfAReplyIsDependable) {
+  // Later chunks that fit are laid over the first one's tail, uncounted.
+  RawServer server(Answer({"HTTP/1.1 500 No\r\nContent-Length: 9\r\n\r\n", "Active", "XY", "Z"}));
+  EXPECT_EQ(Upload(server.Url()), "ActiveZY");
+}
+
+TEST_F(UploaderTest, WhatCannotBeSetUpFailsAndABrokenExchangeEndsWithoutReply) {
+  RawServer silent([](RawServer& inServer, int inSocket) { inServer.ReadRequest(inSocket); });
+  EXPECT_EQ(Upload("", false), "(none)");
+  EXPECT_EQ(Upload("http://[::1", false), "(none)");
+  EXPECT_EQ(Upload(silent.Url(), false, mHome / "missing.log"), "(none)");
+  EXPECT_EQ(Upload(silent.Url(), false, mHome.Root()), "(none)");
+  EXPECT_TRUE(silent.Requests().empty());
+  EXPECT_EQ(Upload(silent.Url()), "(none)");
+  const int closed = RawServer([](RawServer&, int) {}).Port();
+  EXPECT_EQ(Upload("http://127.0.0.1:" + std::to_string(closed) + "/"), "(none)");
+}
+
+TEST_F(UploaderTest, LowerCaseHttpProxyAloneRoutesThroughTheProxyAndNoProxyBypassesIt) {
+  if (access("/usr/bin/tinyproxy", X_OK) != 0) GTEST_SKIP() << "tinyproxy is not installed";
+  const int port = RawServer([](RawServer&, int) {}).Port();  // free once the server is gone
+  WriteFile(mHome / "tinyproxy.conf", "Listen 127.0.0.1\nAllow 127.0.0.1\nPort " + std::to_string(port) + "\n" +
+                                          (geteuid() == 0 ? "User nobody\nGroup nogroup\n" : ""));
+  ChildProcess proxy({"/usr/bin/tinyproxy", "-d", "-c", mHome / "tinyproxy.conf"}, {}, mHome / "proxy");
+  RawServer server([](RawServer& inServer, int inSocket) {
+    inServer.ReadRequest(inSocket);
+    RawServer::Send(inSocket, RawServer::Reply("Active"));
+  });
+  const std::string proxyUrl = "http://127.0.0.1:" + std::to_string(port);
+  ASSERT_TRUE(Eventually([&] { return Upload(proxyUrl + "/", true) != "(none)"; })) << proxy.Stderr();
+  for (const char* name : {"http_proxy", "HTTP_PROXY", "no_proxy", "NO_PROXY", "all_proxy", "ALL_PROXY"})
+    mHome.Set(name, std::nullopt);
+  const std::pair<const char*, const char*> kCases[] = {{"HTTP_PROXY", ""}, {"http_proxy", "tinyproxy"}};
+  for (const auto& [variable, via] : kCases) {
+    mHome.Set(variable, proxyUrl);
+    EXPECT_EQ(Upload(server.Url()), "Active");
+    EXPECT_NE(Header(server.Requests().back(), "Via").find(via), std::string::npos) << variable;
+    EXPECT_EQ(Header(server.Requests().back(), "Via").empty(), *via == '\0') << variable;
+  }
+  mHome.Set("no_proxy", "127.0.0.1");
+  EXPECT_EQ(Upload(server.Url()), "Active");
+  EXPECT_EQ(Header(server.Requests().back(), "Via"), "");
+}
+
+}  // namespace
