@@ -138,6 +138,10 @@ TEST_F(AgentEndToEnd, ReceiverAndFolderComeFromOptionThenEnvironmentThenInstalla
   ASSERT_TRUE(Eventually([&] { return !proxy.Requests().empty(); }));
   EXPECT_EQ(proxy.Requests()[0].rfind("CONNECT collect.tarvo.example:443 HTTP/1.1\r\n", 0), 0u);
   ExpectWaitingThenStop(*agent);
+  // Only http(s) delivers: a file that says "Delete" is no receiver.
+  WriteFile(mHome / "reply.txt", "Delete");
+  agent = Start({"-receiverURL=file://" + (mHome / "reply.txt")});
+  ExpectWaitingThenStop(*agent);
   EXPECT_EQ(Names(mLogs), Strings{"k_4.log"});
 }
 

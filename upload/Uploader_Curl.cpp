@@ -10,6 +10,10 @@ const char Uploader_Curl::kUserAgent[] =
 
 namespace {
 
+// The only schemes a request, or a redirect should one ever be followed,
+// may use.
+const char kProtocols[] = "http,https";
+
 // The largest reply chunk handed to AppendReply at once.
 constexpr long kReplyChunkSize = 16384;
 
@@ -126,6 +130,8 @@ bool Uploader_Curl::SetOptions(const std::string& inUrl, const std::string& inBo
   // NOSIGNAL keeps libcurl's hands off the process's signals: the agent has
   // its own SIGTERM handler, and a name look-up must not raise SIGALRM.
   return curl_easy_setopt(easy, CURLOPT_URL, inUrl.c_str()) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, kProtocols) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, kProtocols) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1)) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_POST, 1L) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(inBody.size())) == CURLE_OK &&
@@ -159,8 +165,16 @@ std::optional<std::string> Uploader_Curl::CreateURL(const std::string& inText) {
   if (inText.empty()) return std::nullopt;
   std::string url = EscapeIllegalBytes(DecodePercentEscapes(inText));
   CurlUrl parser;
-  if (parser.Get() == nullptr || curl_url_set(parser.Get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
+  char* scheme = nullptr;
+  if (parser.Get() == nullptr || curl_url_set(parser.Get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK ||
+      curl_url_get(parser.Get(), CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) {
     return std::nullopt;
   }
+  // Only an HTTP exchange can deliver a file: libcurl would read a file://
+  // URL or fetch from an FTP server, and its text would be taken for the
+  // receiver's reply (a "Delete" there would remove logs never sent).
+  const std::string sScheme = scheme;
+  curl_free(scheme);
+  if (sScheme != "http" && sScheme != "https") return std::nullopt;
   return url;
 }

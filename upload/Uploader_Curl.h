@@ -47,8 +47,9 @@ class Uploader_Curl final : public Uploader {
   bool UploadFile(const std::string& inFilePath, const std::string& inUrl) override;
 
  private:
-  // The URL text handed to libcurl for inText, or nothing when inText is empty
-  // or libcurl's URL parser rejects the result. Every "%" followed by two
+  // The URL text handed to libcurl for inText, or nothing when inText is empty,
+  // libcurl's URL parser rejects the result, or its scheme is neither http
+  // nor https. Every "%" followed by two
   // hexadecimal digits is decoded first; then every byte that may not stand
   // in a URL (anything but ASCII letters, digits and -._~!$&'()*+,;=:@/?#[])
   // is written as %XX with upper-case hex. So "%2F" becomes "/", "%41"

@@ -84,6 +84,10 @@ TEST_F(UploaderTest, WhatCannotBeSetUpFailsAndABrokenExchangeEndsWithoutReply) {
   RawServer silent([](RawServer& inServer, int inSocket) { inServer.ReadRequest(inSocket); });
   EXPECT_EQ(Upload("", false), "(none)");
   EXPECT_EQ(Upload("http://[::1", false), "(none)");
+  // Only http and https: a file that says "Delete" is no receiver.
+  WriteFile(mHome / "reply.txt", "Delete");
+  for (const std::string& url : Strings{"file://" + (mHome / "reply.txt"), "FILE://" + (mHome / "reply.txt"), "ftp://127.0.0.1/"})
+    EXPECT_EQ(Upload(url, false), "(none)") << url;
   EXPECT_EQ(Upload(silent.Url(), false, mHome / "missing.log"), "(none)");
   EXPECT_EQ(Upload(silent.Url(), false, mHome.Root()), "(none)");
   EXPECT_TRUE(silent.Requests().empty());
