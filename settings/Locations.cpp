@@ -53,13 +53,13 @@ InstallSettings ReadInstallSettings(const std::string& inConfigPath) {
 }
 
 int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder) {
-  // The base folders are made as part of each chain, so a base folder that
-  // cannot be made counts as a folder that cannot be created (8 or 5); 4 is
-  // left for a base folder that cannot even be named (no home folder).
   int status = kLocationNotFound;
 
+  // Each base folder is looked up with creation: one that cannot be made is
+  // a failed look-up, which leaves the status as it was; only a subfolder
+  // that cannot be made below a base that is there gives 8 or 5.
   std::string library;
-  if (FindLibraryFolder(library, false)) {
+  if (FindLibraryFolder(library, true)) {
     const std::string logFolder = FileSystemUtils::AppendPath(library, kLogFolderPiece);
     if (EnsureFolder(logFolder)) {
       outLogFolder = logFolder;
@@ -71,9 +71,10 @@ int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder) {
 
   // Looked up whatever happened above: a usable settings folder masks a log
   // folder failure (status 0, log folder untouched), and a failed look-up
-  // here keeps the log folder's status. Callers of old depend on both.
+  // here keeps the log folder's status, so the pass goes on without a place
+  // to keep the user's status. Callers of old depend on both.
   std::string support;
-  if (FindSpecialFolder(kUserApplicationSupport, support, false)) {
+  if (FindSpecialFolder(kUserApplicationSupport, support, true)) {
     const std::string settingsFolder = FileSystemUtils::AppendPath(support, kSettingsFolderPiece);
     if (!EnsureFolder(settingsFolder)) return kSettingsFolderNotCreated;
     outSettingsFilePath = settingsFolder + kSettingsFileName;

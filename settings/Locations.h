@@ -38,12 +38,19 @@ InstallSettings ReadInstallSettings(const std::string& inConfigPath);
 
 // The user settings file ($XDG_DATA_HOME/Tarvo/Porvane/UserSettings.cfg) and
 // the default log folder ($XDG_STATE_HOME/Logs/Tarvo/Porvane), creating their
-// folders. Returns 0, 4, 5 or 8. The base folders are made as part of each
-// chain, so 4 means a base folder cannot even be named (no XDG variable, HOME
-// or password entry); one that cannot be made gives 8 (Library) or 5
-// (application support). Deliberately a failure with the log folder
-// is masked when the settings folder is found (0 with outLogFolder
-// untouched), and a failed settings look-up keeps the log folder's status.
+// folders, each base folder ($XDG_STATE_HOME, $XDG_DATA_HOME or their
+// defaults) with its parents too. In this order:
+// - the base state folder is looked up; when it can be named and made, the
+//   log folder below it is made: 0 and outLogFolder set, or 8 when it cannot
+//   be made; a failed look-up leaves the status at 4;
+// - then, whatever happened, the base data folder is looked up; when it can
+//   be named and made, the settings folder below it is made: 0 and
+//   outSettingsFilePath set, or 5 at once when it cannot be made; a failed
+//   look-up leaves the status of the first step.
+// Deliberately a failure with the log folder is masked when the settings
+// folder is found (0 with outLogFolder untouched), and a base data folder
+// that cannot be made still lets a found log folder give 0 (with
+// outSettingsFilePath untouched).
 int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder);
 
 #endif  // PORVANE_SETTINGS_LOCATIONS_H
