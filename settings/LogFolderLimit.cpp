@@ -133,43 +133,70 @@ bool TrimOneByOne(double inLimit, const std::string& inFolder) {
     if (!DeleteOldestLogFile(inFolder)) return false;
   }
 }
-// The one-by-one loop above, worked out from a single scan. Its scans would
-// differ from this one only through changes made by others, and the trim
-// runs while the agent holds the upload lock, before its own upload run; the
-// other writers only add files. So every later scan of that loop would list
-// the files of this one minus those already deleted, in the same relative
-// order (removing an entry does not reorder the rest of a listing), with the
-// same sizes and times. Its choice, the oldest in whole seconds and the
-// first listed among equals, is then always the front of this list sorted
-// stably by seconds, and its measure is the first total minus the sizes
-// deleted (sizes are whole numbers, so the doubles stay exact). A file that
-// arrives meanwhile is newer than every candidate and would only be deleted
-// after all of them; it is not counted now (the folder may end above the
-// limit by what arrived during the trim) and the next start counts it. What is
-// kept: the same files in the same order, the stop as soon as the total is
-// not above the limit, and false at once when a removal does not happen
-// (also when the list runs out while the total is still above a negative
-// limit, where the loop would find no file to remove).
-bool TrimOldestFirst(std::vector<LogFile>& ioFiles, double inTotal, double inLimit) {
+// How the removal of a file that a listing showed went.
+enum class Removal { kRemoved, kGone, kFailed };
+
+Removal RemoveListed(const std::string& inPath) {
+  std::error_code error;
+  if (fs::remove(fs::path(inPath), error)) return Removal::kRemoved;
+  return error ? Removal::kFailed : Removal::kGone;
+}
+
+// Deletes oldest first from one listing, until the sizes it removed bring
+// the listed total to the limit. True when it removed what it set out to
+// (the caller then measures again), false when a removal failed or there was
+// nothing left to remove. A file that had gone by its turn ends it early.
+//
+// This is the one-by-one loop worked out from a single listing. Each of that
+// loop's listings would differ from this one only by what others changed
+// meanwhile: removing an entry does not reorder the rest of a listing, so
+// without outside changes it would list these files minus those deleted, in
+// the same order, with the same sizes and times; its choice, the oldest in
+// whole seconds and the first listed among equals, is the front of this list
+// sorted stably by seconds, and its measure the first total minus the sizes
+// deleted (whole numbers, so the doubles stay exact). Outside changes are
+// met as the loop would meet them at some moment of its run: a file that is
+// gone at its turn is one the loop's next listing would not have shown, so
+// the work goes back to measuring; files that arrive are counted by the
+// listing that must confirm the end. A file that is there but cannot be
+// removed ends the trim with false at once, as in the loop.
+bool TrimFromOneListing(std::vector<LogFile>& ioFiles, double inTotal, double inLimit) {
   std::stable_sort(ioFiles.begin(), ioFiles.end(),
                    [](const LogFile& inA, const LogFile& inB) { return inA.writeTime < inB.writeTime; });
   double total = inTotal;
+  bool removedAny = false;
   for (const LogFile& file : ioFiles) {
-    if (!(total > inLimit)) return true;
-    if (!RemoveSilently(file.sPath)) return false;
-    total -= file.size;
+    if (!(total > inLimit)) break;
+    switch (RemoveListed(file.sPath)) {
+      case Removal::kFailed:
+        return false;
+      case Removal::kGone:
+        return true;
+      case Removal::kRemoved:
+        removedAny = true;
+        total -= file.size;
+        break;
+    }
   }
-  return !(total > inLimit);
+  // Over the limit with nothing listed to remove (a negative limit): the loop
+  // would find no file to delete.
+  return removedAny;
 }
 
 }  // namespace
 
 bool EnforceLogFolderLimit(const std::string& inMaxTotalDirSize, const std::string& inLogFolder) {
   const double limit = std::atof(inMaxTotalDirSize.c_str());
-  std::vector<LogFile> files;
-  double total = 0;
-  // Anything the quiet listing could not read must be reported once per
-  // listing, as the one-by-one loop does; that loop then does all of the work.
-  if (!ScanSilently(inLogFolder, files, total)) return TrimOneByOne(limit, inLogFolder);
-  return TrimOldestFirst(files, total, limit);
+  for (;;) {
+    std::vector<LogFile> files;
+    double total = 0;
+    // Anything the quiet listing could not read must be reported once per
+    // listing, as the one-by-one loop does; that loop then does the work.
+    if (!ScanSilently(inLogFolder, files, total)) return TrimOneByOne(limit, inLogFolder);
+    // Not "total <= limit": an unordered comparison ends the trim too.
+    if (!(total > limit)) return true;
+    if (!TrimFromOneListing(files, total, limit)) return false;
+    // Measure again: after a file that had gone, and to confirm the end
+    // against what arrived meanwhile.
+  }
 }

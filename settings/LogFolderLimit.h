@@ -20,14 +20,14 @@
 // True when the folder ends at or below the ceiling (also when the sizes
 // cannot be compared, e.g. after a failed listing, which measures -1);
 // false when a deletion did not happen.
-// The folder is read once and the files go in the order the measure-and-
-// delete loop would pick them. When that read meets an entry it cannot
-// measure or date, or the listing fails, the loop itself does the work,
-// measuring before every deletion, so every listing reports what it could
-// not read.
-// Meant to run while no other process removes files of the folder (the
-// agent holds the upload lock): a file that vanishes between that read and
-// its deletion ends the trim with false.
+// The result is the measure-and-delete loop's (measure, delete the oldest,
+// measure again), worked out from as few listings as it takes: one to
+// measure and order the files, one more to confirm the end after deleting.
+// A file that has gone by its turn (another process removed it) means
+// measuring again; files that arrive meanwhile are counted by the confirming
+// listing. When a listing meets an entry it cannot measure or date, or fails,
+// the loop itself does the work, measuring before every deletion, so every
+// listing reports what it could not read.
 bool EnforceLogFolderLimit(const std::string& inMaxTotalDirSize, const std::string& inLogFolder);
 
 #endif  // PORVANE_SETTINGS_LOGFOLDERLIMIT_H
