@@ -14,4 +14,8 @@ std::string LockSemaphoreName(const std::string& inLockName) {
   return "/" + sHash;
 }
 
+std::string LockSemaphoreFile(const std::string& inLockName) {
+  return "/dev/shm/sem." + LockSemaphoreName(inLockName).substr(1);
+}
+
 }  // namespace qvd

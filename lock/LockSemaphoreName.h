@@ -12,6 +12,10 @@ namespace qvd {
 // REQUIRES: !inLockName.empty() (asserted by MD5Hash).
 std::string LockSemaphoreName(const std::string& inLockName);
 
+// The file the C library keeps that semaphore in: "/dev/shm/sem." followed
+// by the name without its "/".
+std::string LockSemaphoreFile(const std::string& inLockName);
+
 }  // namespace qvd
 
 #endif  // PORVANE_LOCK_LOCKSEMAPHORENAME_H

@@ -1,14 +1,19 @@
-// porvane-unlock: clears the agent's lock when a killed agent left it behind.
+// porvane-unlock: clears the agent's lock when a dead agent left it behind.
 //
-// An agent that dies while holding its lock leaves the named semaphore in the
-// system, and every later agent gives up after its time-out. This removes the
-// semaphore, whoever created it.
+// An agent that dies while holding its lock (SIGKILL, a crash) leaves the
+// named semaphore in the system, and every later agent gives up after its
+// time-out.
 //
-//   porvane-unlock [--name NAME]
+//   porvane-unlock [--name NAME]             removes the lock, whoever holds it
+//   porvane-unlock --if-stale [--name NAME]  removes it only when it is this
+//                                            user's and no live process holds it
 //
-// Prints one line saying whether a lock was removed. Exit status: 0 when one
-// was removed, 1 when there was none to remove (or it could not be removed),
-// 2 on a usage error or when the C library bridge cannot be loaded.
+// Without --if-stale: prints one line saying whether a lock was removed; exit
+// status 0 when one was removed, 1 when there was none (or it could not be
+// removed). With --if-stale: prints a line only when it removed a lock or
+// left one that is held or another user's, and exits 0 in every such case,
+// so that it can run before every pass. Both exit 2 on a usage error or when
+// the C library bridge cannot be loaded.
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -17,28 +22,42 @@
 #include "AgentLock.h"
 #include "LockSemaphoreName.h"
 #include "ResourceLocker.h"
+#include "StaleLock.h"
 
 namespace {
 
 const char kUsage[] =
-    "usage: porvane-unlock [--name NAME]\n"
-    "Removes a stale lock left behind by an agent that did not end normally.\n"
+    "usage: porvane-unlock [--if-stale] [--name NAME]\n"
+    "Removes the lock an agent left behind when it did not end normally.\n"
+    "  --if-stale   remove it only when it is yours and no live process holds it;\n"
+    "               safe at any time (porvane.service runs it before each pass)\n"
     "  --name NAME  the lock to remove (default: the agent's lock)\n"
     "  --help       show this text\n"
-    "Exit status: 0 when a lock was removed, 1 when there was none, 2 on error.\n";
+    "Without --if-stale the lock goes whoever holds it: use that only when no agent\n"
+    "is running, for instance for another user's lock (as root).\n"
+    "Exit status: 0 when a lock was removed (with --if-stale: always), 1 when there\n"
+    "was none, 2 on error.\n";
 
 enum ExitStatus { kRemoved = 0, kNoneRemoved = 1, kFailed = 2 };
 
-// Reads the arguments into outName. Returns -1 to go on, else the exit
-// status to end with.
-int ParseArguments(int argc, char** argv, std::string& outName) {
+struct Arguments {
+  std::string name = kAgentLockName;
+  bool ifStale = false;
+};
+
+// Reads the arguments. Returns -1 to go on, else the exit status to end with.
+int ParseArguments(int argc, char** argv, Arguments& outArguments) {
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--help") == 0) {
       std::fputs(kUsage, stdout);
       return kRemoved;
     }
+    if (std::strcmp(argv[i], "--if-stale") == 0) {
+      outArguments.ifStale = true;
+      continue;
+    }
     if (std::strcmp(argv[i], "--name") == 0 && i + 1 < argc && argv[i + 1][0] != '\0') {
-      outName = argv[++i];
+      outArguments.name = argv[++i];
       continue;
     }
     std::fprintf(stderr, "porvane-unlock: unexpected argument \"%s\"\n%s", argv[i], kUsage);
@@ -47,25 +66,48 @@ int ParseArguments(int argc, char** argv, std::string& outName) {
   return -1;
 }
 
+int RemoveIfStale(const std::string& inName, const std::string& inSemaphore) {
+  pid_t holder = 0;
+  switch (qvd::RemoveStaleLock(inName, holder)) {
+    case qvd::LockState::kStale:
+      std::printf("porvane-unlock: removed stale lock \"%s\" (semaphore %s)\n", inName.c_str(), inSemaphore.c_str());
+      break;
+    case qvd::LockState::kHeld:
+      std::printf("porvane-unlock: lock \"%s\" is held by process %d; left in place\n", inName.c_str(),
+                  static_cast<int>(holder));
+      break;
+    case qvd::LockState::kOtherOwner:
+      std::printf("porvane-unlock: lock \"%s\" belongs to another user; left in place\n", inName.c_str());
+      break;
+    case qvd::LockState::kFree:
+    case qvd::LockState::kChanged:
+      break;
+  }
+  return kRemoved;
+}
+
+int RemoveAnyway(const std::string& inName, const std::string& inSemaphore) {
+  // The time-out does not matter: unlock(true) never waits.
+  if (qvd::ResourceLocker(inName, 0).unlock(true)) {
+    std::printf("porvane-unlock: removed lock \"%s\" (semaphore %s)\n", inName.c_str(), inSemaphore.c_str());
+    return kRemoved;
+  }
+  std::printf("porvane-unlock: no lock \"%s\" to remove (semaphore %s)\n", inName.c_str(), inSemaphore.c_str());
+  return kNoneRemoved;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string sName = kAgentLockName;
-  const int parsed = ParseArguments(argc, argv, sName);
+  Arguments arguments;
+  const int parsed = ParseArguments(argc, argv, arguments);
   if (parsed >= 0) return parsed;
 
-  const std::string sSemaphore = qvd::LockSemaphoreName(sName);
+  const std::string sSemaphore = qvd::LockSemaphoreName(arguments.name);
   try {
-    // The time-out does not matter: unlock(true) never waits.
-    qvd::ResourceLocker locker(sName, 0);
-    if (locker.unlock(true)) {
-      std::printf("porvane-unlock: removed lock \"%s\" (semaphore %s)\n", sName.c_str(), sSemaphore.c_str());
-      return kRemoved;
-    }
+    return arguments.ifStale ? RemoveIfStale(arguments.name, sSemaphore) : RemoveAnyway(arguments.name, sSemaphore);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "porvane-unlock: %s\n", error.what());
     return kFailed;
   }
-  std::printf("porvane-unlock: no lock \"%s\" to remove (semaphore %s)\n", sName.c_str(), sSemaphore.c_str());
-  return kNoneRemoved;
 }

@@ -17,7 +17,9 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <iterator>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "ChildProcess.h"
@@ -72,6 +74,13 @@ class AgentEndToEnd : public ::testing::Test {
     EXPECT_FALSE(fs::exists(kLockFile));
   }
   std::string Spool(const std::string& inName) { return mHome / ("spool-" + inName); }
+  // The output of porvane-unlock inOption, which must exit 0.
+  std::string Unlock(const std::string& inOption) {
+    ChildProcess unlock({BuiltProgram("porvane-unlock"), inOption}, mHome.Environment(), mHome / "tmp/unlock");
+    EXPECT_TRUE(unlock.Wait());
+    EXPECT_EQ(unlock.ExitCode(), 0) << unlock.Stderr();
+    return unlock.Stdout();
+  }
 
   PrivateHome mHome;
   const std::string mLogs = mHome.LogFolder();
@@ -124,7 +133,9 @@ TEST_F(AgentEndToEnd, ReceiverAndFolderComeFromOptionThenEnvironmentThenInstalla
   Log("k_3.log", "d");
   EXPECT_EQ(Run({"-logDir=" + optionDir, "-receiverURL=" + byOption.Url()}, {{"logDir", envDir}}), 0);
   EXPECT_EQ(Run({}, {{"logDir", envDir}, {"receiverURL", byEnv.Url()}}), 0);
-  EXPECT_EQ(Run({"-noLock"}), 0);
+  // A data folder that cannot be made costs the status file, not the pass.
+  WriteFile(mHome / "blocker", "");
+  EXPECT_EQ(Run({"-noLock"}, {{"XDG_DATA_HOME", mHome / "blocker/data"}}), 0);
   EXPECT_EQ(byOption.Lines(1), Strings{"kind=k file=k_1.log bytes=1 answer=Active"});
   EXPECT_EQ(byEnv.Lines(1), Strings{"kind=k file=k_2.log bytes=1 answer=Active"});
   EXPECT_EQ(byConfig.Lines(1), Strings{"kind=k file=k_3.log bytes=1 answer=Active"});
@@ -189,7 +200,7 @@ TEST_F(AgentEndToEnd, BrokenExchangesKeepTheFileAndOnlyTheReplyBodyCounts) {
   }
 }
 
-TEST_F(AgentEndToEnd, KilledProgramsLoseNoFile) {
+TEST_F(AgentEndToEnd, KilledProgramsLoseNoFileAndADeadAgentsLockHealsByItself) {
   for (int i = 0; i < 40; ++i) Log("k_" + std::to_string(100 + i) + ".log", std::string(1000, 'a' + i % 26));
   std::set<std::string> acked;
   const auto acknowledge = [&](const ReceiverProcess& inReceiver) {
@@ -211,22 +222,41 @@ TEST_F(AgentEndToEnd, KilledProgramsLoseNoFile) {
   acknowledge(*receiver);
   EXPECT_EQ(lost(), 0u);
 
-  // The agent dies mid-upload: its lock stays and stops the next pass until
-  // porvane-unlock clears it; then the rest is delivered.
+  // The agent dies mid-upload. Its lock stays and stops a plain pass; the
+  // shipped unit's commands, in order, clear it (while the agent lived,
+  // --if-stale left it) and deliver the rest.
   receiver.emplace(Spool("2"), Strings{"--delay-ms", "30"});
   agent = Start({"-receiverURL=" + receiver->Url()});
   ASSERT_TRUE(Eventually([&] { return receiver->Lines().size() >= 5; }));
+  EXPECT_EQ(Unlock("--if-stale"), "porvane-unlock: lock \"TarvoUsageTrackerFileUploadLocker\" is held by process " +
+                                      std::to_string(agent->Pid()) + "; left in place\n");
   agent->Signal(SIGKILL);
   ASSERT_TRUE(agent->Wait());
-  EXPECT_TRUE(fs::exists(kLockFile));
   EXPECT_EQ(Run({"-receiverURL=" + receiver->Url()}), 1);
-  ChildProcess unlock({BuiltProgram("porvane-unlock")}, {}, mHome / "tmp/unlock");
-  ASSERT_TRUE(unlock.Wait());
-  EXPECT_EQ(Run({"-receiverURL=" + receiver->Url()}), 0);
+  ChildProcess::Environment env = mHome.Environment();
+  env["receiverURL"] = receiver->Url();
+  std::istringstream unit(ReadFile(std::string(PORVANE_BINARY_DIR) + "/packaging/verify/porvane.service"));
+  for (std::string line; std::getline(unit, line);) {
+    if (line.rfind("ExecStart", 0) != 0) continue;
+    std::istringstream words(line.substr(line.find('=') + 1));
+    Strings command{std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()};
+    if (command[0][0] == '-') command[0].erase(0, 1);
+    ChildProcess step(command, env, mHome / "tmp/unit");
+    ASSERT_TRUE(step.Wait());
+    EXPECT_EQ(step.ExitCode(), 0) << line << ": " << step.Stdout() << step.Stderr();
+  }
   acknowledge(*receiver);
   EXPECT_EQ(lost(), 0u);
   EXPECT_EQ(acked.size(), 40u);
   EXPECT_TRUE(Names(mLogs).empty());
+  EXPECT_EQ(Unlock("--if-stale"), "");
+}
+
+TEST_F(AgentEndToEnd, AnotherUsersLockIsNeverTakenForStale) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a lock as another user";
+  ASSERT_EQ(RunAsUser(kNobody, [] { return sem_open("/rDYSDwOgFCbsPgPa4MYm3Q==", O_CREAT | O_EXCL, 0700, 1) == SEM_FAILED; }), 0);
+  EXPECT_EQ(Unlock("--if-stale"), "porvane-unlock: lock \"TarvoUsageTrackerFileUploadLocker\" belongs to another user; left in place\n");
+  EXPECT_TRUE(fs::exists(kLockFile));
 }
 
 TEST_F(AgentEndToEnd, TheLockAndTheTrimComeFirstAndTheTrimIsOfTheDefaultFolder) {
