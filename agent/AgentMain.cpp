@@ -7,6 +7,7 @@
 
 #include "AgentLock.h"
 #include "CommandLineOptions.h"
+#include "Diagnostics.h"
 #include "Locations.h"
 #include "LogFolderLimit.h"
 #include "ResourceLocker.h"
@@ -62,7 +63,7 @@ class PassLocations {
 
 // Resolves the log folder and the receiver and runs the upload. The receiver
 // option is consulted only when a log folder was found.
-int ResolveAndUpload(const CommandLineOptions& inOptions, PassLocations& ioWhere) {
+int ResolveAndUpload(const CommandLineOptions& inOptions, PassLocations& ioWhere, const Diagnostics& inSay) {
   std::string logFolder, receiverUrl;
   bool haveLogFolder = false;
   if (inOptions.HasOption("logDir")) {
@@ -84,9 +85,17 @@ int ResolveAndUpload(const CommandLineOptions& inOptions, PassLocations& ioWhere
     if (receiverUrl.empty()) receiverUrl = kBuiltInReceiverUrl;
   }
 
-  if (!haveLogFolder || logFolder.empty() || receiverUrl.empty()) return 1;
+  if (!haveLogFolder || logFolder.empty()) {
+    inSay.Say("no log folder (user folders: status " + std::to_string(ioWhere.UserStatus()) + ")");
+    return 1;
+  }
+  if (receiverUrl.empty()) {
+    inSay.Say("no receiver (installation not found, no receiverURL)");
+    return 1;
+  }
+  inSay.Say("log folder " + logFolder);
   const UsageStatusFile status(ioWhere.SettingsFile());
-  return UploadLogFolder(status, receiverUrl, logFolder) == 0 ? 0 : 1;
+  return UploadLogFolder(RunSettings{status, receiverUrl, inSay}, logFolder) == 0 ? 0 : 1;
 }
 
 }  // namespace
@@ -97,20 +106,34 @@ int RunAgent(int argc, char** argv) {
   std::signal(SIGTERM, OnTerminateSignal);
 
   auto options = std::make_shared<CommandLineOptions>(argc, argv);
+  const Diagnostics say = Diagnostics::FromEnvironment();
   const bool noLock = options->HasOption("noLock");
   qvd::ResourceLocker locker(kAgentLockName, kAgentLockTimeoutMs);
 
-  if (!noLock && !locker.lock()) return 1;  // not taken: nothing to release
+  if (noLock) {
+    say.Say("lock not used (noLock)");
+  } else if (!locker.lock()) {
+    say.Say("lock held by another agent; pass ended with status 1 (porvane-unlock --if-stale clears a dead one's)");
+    return 1;  // not taken: nothing to release
+  } else {
+    say.Say("lock taken");
+  }
 
   PassLocations where;
   // The trim always works on the default log folder; without an
   // installation it has no ceiling and does nothing.
   if (where.InstallStatus() == kLocationOk) {
     const std::string logFolder = where.UserStatus() == kLocationOk ? where.DefaultLogFolder() : std::string();
-    EnforceLogFolderLimit(where.Install().maxTotalDirSize, logFolder);
+    const std::string& limit = where.Install().maxTotalDirSize;
+    const bool fits = EnforceLogFolderLimit(limit, logFolder);
+    say.Say("trim of " + (logFolder.empty() ? "(no default log folder)" : logFolder) + " to " + limit + " bytes: " +
+            (fits ? "within the limit" : "a file could not be removed"));
+  } else {
+    say.Say("trim skipped: installation not found");
   }
-  const int exitStatus = ResolveAndUpload(*options, where);
+  const int exitStatus = ResolveAndUpload(*options, where, say);
 
   if (!noLock) locker.unlock(false);
+  say.Say("pass ended with status " + std::to_string(exitStatus));
   return exitStatus;
 }

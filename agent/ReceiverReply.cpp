@@ -4,12 +4,12 @@
 
 ReceiverReply InterpretReply(const std::string& inReply) {
   ReceiverReply reply;
-  const std::string sWord = inReply.substr(0, inReply.find_first_of(" \t\n\r"));
-  if (sWord == "Active" || sWord == "Delete") {
+  reply.text = inReply.substr(0, inReply.find_first_of(" \t\n\r"));
+  if (reply.text == "Active" || reply.text == "Delete") {
     reply.word = ReplyWord::kAccept;
-  } else if (sWord == "Disabled") {
+  } else if (reply.text == "Disabled") {
     reply.word = ReplyWord::kDisabled;
-  } else if (sWord == "Hibernate") {
+  } else if (reply.text == "Hibernate") {
     reply.word = ReplyWord::kHibernate;
     const std::string::size_type space = inReply.find(' ');
     const std::string sRest = space == std::string::npos ? inReply : inReply.substr(space + 1);

@@ -13,7 +13,8 @@ enum class ReplyWord {
 
 struct ReceiverReply {
   ReplyWord word = ReplyWord::kUnknown;
-  int days = 0;  // for kHibernate only
+  int days = 0;      // for kHibernate only
+  std::string text;  // the first word as it came
 };
 
 // The meaning of a reply body. The word is the text up to the first of ' ',

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "Diagnostics.h"
 #include "LogFolderScan.h"
 #include "ReceiverReply.h"
 #include "StopFlag.h"
@@ -63,22 +64,38 @@ void WaitSeconds(const StopFlag& inStop, int inSeconds) {
 
 // A stored status other than Active: the file goes unsent, or stays when the
 // status is not one the agent knows.
-int HandleStoredStatus(const StopFlag& inStop, const std::string& inFilePath, unsigned inStatus) {
+int HandleStoredStatus(const StopFlag& inStop, const std::string& inFilePath, unsigned inStatus,
+                       std::string& outNote) {
   if (inStatus == kUsageHibernate) {
+    outNote = "its kind hibernates, not sent";
     inStop.RemoveFile(inFilePath);
     return UploadHibernating;
   }
   if (inStatus == kUsageDisabled) {
+    outNote = "its kind is disabled, not sent";
     inStop.RemoveFile(inFilePath);
     return UploadDisabled;
   }
+  outNote = "stored status " + std::to_string(inStatus) + " unknown, not sent";
   return UploadFailed;
+}
+
+// Keeps the transport's account of the exchange for the attempt's line.
+struct ExchangeNote : ExchangeObserver {
+  void OnExchangeEnded(const ExchangeReport& inReport) override { report = inReport; }
+  ExchangeReport report;
+};
+
+// "to URL: HTTP 200, error "...", reply "Active"".
+std::string DescribeExchange(const ExchangeReport& inReport, const std::string& inWord) {
+  std::string text = "to " + inReport.url + ": HTTP " + std::to_string(inReport.httpStatus);
+  if (!inReport.error.empty()) text += ", error \"" + inReport.error + "\"";
+  return text + ", reply \"" + inWord + "\"";
 }
 
 // Acts on the receiver's reply; removes the file for every understood word.
 int HandleReply(const StopFlag& inStop, const UsageStatusFile& inStatus, const std::string& inSection,
-                const std::string& inFilePath, const std::string& inResponse) {
-  const ReceiverReply reply = InterpretReply(inResponse);
+                const std::string& inFilePath, const ReceiverReply& reply) {
   int result = UploadFailed;
   switch (reply.word) {
     case ReplyWord::kDisabled:
@@ -98,18 +115,20 @@ int HandleReply(const StopFlag& inStop, const UsageStatusFile& inStatus, const s
   return result;
 }
 
-// One attempt for inFilePath.
+// One attempt for inFilePath; outNote says what happened, for diagnostics.
 int UploadOneFile(StopFlag* inStop, const UsageStatusFile& inStatus, const std::string& inReceiverUrl,
-                  const std::string& inFilePath) {
+                  const std::string& inFilePath, std::string& outNote) {
   const std::string sSection = SectionOf(inFilePath);
   // GetUsageStatus writes the status only on some paths; Active otherwise.
   unsigned status = kUsageActive;
   inStatus.GetUsageStatus(sSection.c_str(), status);
-  if (status != kUsageActive) return HandleStoredStatus(*inStop, inFilePath, status);
+  if (status != kUsageActive) return HandleStoredStatus(*inStop, inFilePath, status, outNote);
 
   std::unique_ptr<Uploader> uploader(CreateUploader());
   // A SIGTERM during the transfer ends it promptly instead of after it.
   uploader->SetStopFlag(&inStop->stopRequested);
+  ExchangeNote exchange;
+  uploader->SetObserver(&exchange);
   uploader->UploadFile(inFilePath, inReceiverUrl);
   // UploadFile blocks until the exchange ends; this serves uploaders that
   // return earlier.
@@ -117,25 +136,33 @@ int UploadOneFile(StopFlag* inStop, const UsageStatusFile& inStatus, const std::
     sleep(kFinishWaitSeconds);
     if (inStop->stopRequested.load()) break;
   }
-  const char* reply = uploader->GetReply();
-  return HandleReply(*inStop, inStatus, sSection, inFilePath, reply != nullptr ? reply : "");
+  const char* text = uploader->GetReply();
+  const ReceiverReply reply = InterpretReply(text != nullptr ? text : "");
+  outNote = DescribeExchange(exchange.report, reply.text);
+  return HandleReply(*inStop, inStatus, sSection, inFilePath, reply);
 }
 
 // Attempts inFilePath until an attempt gives 0, 2 or 3, or inStop is set.
 // inAttempts < 1 returns 1 without an attempt; otherwise it bounds nothing:
 // a failing file is retried until an answer is understood or SIGTERM comes.
-int UploadWithRetry(StopFlag* inStop, const UsageStatusFile& inStatus, const std::string& inReceiverUrl,
-                    const std::string& inFilePath, int inAttempts, int inInitialDelayMs) {
+int UploadWithRetry(StopFlag* inStop, const RunSettings& inRun, const std::string& inFilePath, int inAttempts,
+                    int inInitialDelayMs) {
   if (inAttempts < 1) return UploadFailed;
   int result = UploadFailed;
   int32_t delay = inInitialDelayMs;
   while (!inStop->stopRequested.load()) {
-    result = UploadOneFile(inStop, inStatus, inReceiverUrl, inFilePath);
-    if (WalkGoesOn(result)) return result;
-    if (inStop->stopRequested.load()) return result;
-    WaitSeconds(*inStop, delay / 1000);
+    std::string note;
+    result = UploadOneFile(inStop, inRun.status, inRun.receiverUrl, inFilePath, note);
+    if (WalkGoesOn(result) || inStop->stopRequested.load()) {
+      inRun.diagnostics.Say(inFilePath + " " + note + (WalkGoesOn(result) ? "; removed" : "; kept, stopped"));
+      return result;
+    }
+    const int seconds = delay / 1000;
+    inRun.diagnostics.Say(inFilePath + " " + note + "; kept, next try in " + std::to_string(seconds > 0 ? seconds : 0) + " s");
+    WaitSeconds(*inStop, seconds);
     delay = NextRetryDelay(delay);
   }
+  inRun.diagnostics.Say(inFilePath + " kept, stopped while waiting");
   return result;
 }
 
@@ -152,18 +179,17 @@ class ActiveFile {
 
 // Handles a file the walk has found. Returns the file's result, or -1 when
 // another file is still being handled.
-int HandleFile(const UsageStatusFile& inStatus, const std::string& inReceiverUrl, const std::string& inFilePath) {
+int HandleFile(const RunSettings& inRun, const std::string& inFilePath) {
   // Never holds in one run; guards the handler's single pointer.
   if (activeStopFlag.load() != nullptr) return -1;
   StopFlag flag;
   ActiveFile active(&flag);
-  return UploadWithRetry(&flag, inStatus, inReceiverUrl, inFilePath, kUploadAttempts, kFirstRetryDelayMs);
+  return UploadWithRetry(&flag, inRun, inFilePath, kUploadAttempts, kFirstRetryDelayMs);
 }
 
 }  // namespace
 
-int UploadLogFolder(const UsageStatusFile& inStatus, const std::string& inReceiverUrl,
-                    const std::string& inLogFolder) {
+int UploadLogFolder(const RunSettings& inRun, const std::string& inLogFolder) {
   const fs::path folder(inLogFolder);
   if (!fs::exists(folder) || !fs::is_directory(folder)) return UploadFailed;
 
@@ -176,7 +202,7 @@ int UploadLogFolder(const UsageStatusFile& inStatus, const std::string& inReceiv
     bool handled = false;
     const bool completed = ScanLogFolder(inLogFolder, [&](const fs::directory_entry& inEntry) {
       handled = true;
-      return WalkGoesOn(HandleFile(inStatus, inReceiverUrl, inEntry.path().native()));
+      return WalkGoesOn(HandleFile(inRun, inEntry.path().native()));
     });
     if (!completed) return UploadFailed;
     if (repeat && !handled) return UploadDone;

@@ -10,10 +10,19 @@
 
 #include <string>
 
+class Diagnostics;
 class UsageStatusFile;
 
-// Sends the finished log files of inLogFolder (LogFolderScan.h) to
-// inReceiverUrl, consulting and updating the user's status in inStatus.
+// What a run works with, all owned by the caller for the length of the run.
+struct RunSettings {
+  const UsageStatusFile& status;    // the user's status of each kind of log
+  const std::string& receiverUrl;   // where the files go
+  const Diagnostics& diagnostics;   // one line per attempt, when asked for
+};
+
+// Sends the finished log files of inLogFolder (LogFolderScan.h) to the
+// run's receiver, consulting and updating the user's status in its status
+// file.
 //
 // For each file: its kind is its name up to the first "_" (the empty kind
 // when the path has no "/" or the name no "_"). A stored Disabled or
@@ -34,7 +43,6 @@ class UsageStatusFile;
 // reply (a SIGTERM), or when a file is already being handled
 // (activeStopFlag non-null). File-system errors are thrown as
 // std::filesystem::filesystem_error.
-int UploadLogFolder(const UsageStatusFile& inStatus, const std::string& inReceiverUrl,
-                    const std::string& inLogFolder);
+int UploadLogFolder(const RunSettings& inRun, const std::string& inLogFolder);
 
 #endif  // PORVANE_AGENT_UPLOADRUN_H

@@ -168,34 +168,45 @@ TEST_F(AgentEndToEnd, BrokenExchangesKeepTheFileAndOnlyTheReplyBodyCounts) {
       RawServer::Send(inSocket, inReply);
     };
   };
-  const std::map<std::string, std::pair<RawServer::Handler, bool>> kPeers = {
-      {"reset", {reset, false}},
-      {"close after the request", {[](RawServer& inServer, int inSocket) { inServer.ReadRequest(inSocket); }, false}},
-      {"close after headers", {answer("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\n"), false}},
-      {"500, empty body", {answer(RawServer::Reply("", 500)), false}},
-      {"garbage", {answer("What?\r\n\r\n"), false}},
-      {"lower case", {answer(RawServer::Reply("active")), false}},
-      {"never answers", {[](RawServer& inServer, int inSocket) {
-                           inServer.ReadRequest(inSocket);
-                           inServer.ReadRequest(inSocket);  // until the agent goes
-                         },
-                         false}},
-      {"500 saying Active", {answer(RawServer::Reply("Active", 500)), true}},
+  // Each peer, and what PORVANE_DEBUG's line for the attempt says of it.
+  const std::map<std::string, std::pair<RawServer::Handler, std::string>> kPeers = {
+      {"reset", {reset, "HTTP 0, error \"Recv failure: Connection reset by peer\", reply \"\"; kept, next try in 60 s"}},
+      {"close after the request",
+       {[](RawServer& inServer, int inSocket) { inServer.ReadRequest(inSocket); },
+        "HTTP 0, error \"Empty reply from server\", reply \"\"; kept, next try in 60 s"}},
+      {"close after headers",
+       {answer("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\n"),
+        "HTTP 200, error \"transfer closed with 6 bytes remaining to read\", reply \"\"; kept, next try in 60 s"}},
+      {"500, empty body", {answer(RawServer::Reply("", 500)), "HTTP 500, reply \"\"; kept, next try in 60 s"}},
+      {"garbage", {answer("What?\r\n\r\n"), "HTTP 0, error \"Received HTTP/0.9 when not allowed\", reply \"\"; kept, next try in 60 s"}},
+      {"lower case", {answer(RawServer::Reply("active\r\n")), "HTTP 200, reply \"active\"; kept, next try in 60 s"}},
+      {"never answers",
+       {[](RawServer& inServer, int inSocket) {
+          inServer.ReadRequest(inSocket);
+          inServer.ReadRequest(inSocket);  // until the agent goes
+        },
+        "HTTP 0, error \"Callback aborted\", reply \"\"; kept, stopped"}},
+      {"500 saying Active", {answer(RawServer::Reply("Active", 500)), "HTTP 500, reply \"Active\"; removed"}},
   };
   for (const auto& [name, peer] : kPeers) {
     SCOPED_TRACE(name);
     RawServer server(peer.first);
     Log("k_1.log", name);
-    auto agent = Start({"-receiverURL=" + server.Url()});
+    auto agent = Start({"-receiverURL=" + server.Url()}, {{"PORVANE_DEBUG", "1"}});
     ASSERT_TRUE(Eventually([&] { return !server.Requests().empty(); }));
-    if (peer.second) {
+    const std::string attempt = "porvane: " + mLogs + "/k_1.log to " + server.Url() + ": " + peer.second + "\n";
+    if (peer.second.find("removed") != std::string::npos) {
       EXPECT_TRUE(agent->Wait());
       EXPECT_EQ(agent->ExitCode(), 0);
       EXPECT_TRUE(Names(mLogs).empty());
+      EXPECT_EQ(agent->Stderr(), "porvane: lock taken\nporvane: trim of " + mLogs +
+                                     " to 500000 bytes: within the limit\nporvane: log folder " + mLogs + "\n" +
+                                     attempt + "porvane: pass ended with status 0\n");
     } else {
       ExpectWaitingThenStop(*agent);
       EXPECT_EQ(server.Requests().size(), 1u) << "retried too early";
       EXPECT_EQ(Names(mLogs), Strings{"k_1.log"});
+      EXPECT_NE(agent->Stderr().find(attempt), std::string::npos) << agent->Stderr();
     }
   }
 }

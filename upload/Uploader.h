@@ -13,6 +13,8 @@
 #include <map>
 #include <string>
 
+#include "ExchangeReport.h"
+
 class Uploader {
  public:
   Uploader();
@@ -46,6 +48,10 @@ class Uploader {
   // error would. REQUIRES: the flag outlives the uploader.
   void SetStopFlag(const std::atomic<bool>* inStopRequested) { m_stopRequested = inStopRequested; }
 
+  // Hands the uploader an observer (may be null) that hears how each
+  // exchange ended. REQUIRES: the observer outlives the uploader.
+  void SetObserver(ExchangeObserver* inObserver) { m_observer = inObserver; }
+
   // Appends received reply bytes. When they do not fit (capacity - length <
   // inLength + 1) the array grows (16384 to start, doubling while capacity + 1
   // < length + inLength), the bytes are appended, the length advances and a
@@ -57,6 +63,9 @@ class Uploader {
 
  protected:
   bool StopRequested() const { return m_stopRequested != nullptr && m_stopRequested->load(); }
+  void Report(const ExchangeReport& inReport) const {
+    if (m_observer != nullptr) m_observer->OnExchangeEnded(inReport);
+  }
 
   std::map<std::string, std::string> m_values;  // kept; nothing fills it
   uint8_t* m_replyData = nullptr;
@@ -67,6 +76,7 @@ class Uploader {
 
  private:
   const std::atomic<bool>* m_stopRequested = nullptr;
+  ExchangeObserver* m_observer = nullptr;
 };
 
 // A new platform uploader, owned by the caller (delete through Uploader).

@@ -1,5 +1,6 @@
 #include "Uploader_Curl.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -62,6 +63,18 @@ std::string EscapeIllegalBytes(const std::string& inText) {
   return escaped;
 }
 
+// inUrl without the user name and password it may carry, for reports: a
+// diagnostic line must not give a credential away.
+std::string WithoutCredentials(const std::string& inUrl) {
+  const size_t scheme = inUrl.find("://");
+  if (scheme == std::string::npos) return inUrl;
+  const size_t start = scheme + 3;
+  const size_t end = std::min(inUrl.find_first_of("/?#", start), inUrl.size());
+  const size_t at = inUrl.rfind('@', end);
+  if (at == std::string::npos || at < start) return inUrl;
+  return inUrl.substr(0, start) + inUrl.substr(at + 1);
+}
+
 }  // namespace
 
 Uploader* CreateUploader() { return new Uploader_Curl(); }
@@ -79,32 +92,36 @@ bool Uploader_Curl::UploadFile(const std::string& inFilePath, const std::string&
   m_inProgress = true;
   m_finished = false;
 
+  m_errorText[0] = '\0';
+  ExchangeReport report{WithoutCredentials(inUrl), 0, ""};
   std::optional<std::string> url = CreateURL(inUrl);
-  if (!url) return FailSetUp();
+  if (!url) return FailSetUp(report, "not an http or https URL");
+  report.url = WithoutCredentials(*url);
   uint32_t bodyLength = 0;
   std::string boundary;
   MultipartBody body = BuildMultipartBody(inFilePath, bodyLength, boundary);
-  if (!body) return FailSetUp();
-  if (!OpenTransfer(*url, *body, bodyLength, boundary)) return FailSetUp();
+  if (!body) return FailSetUp(report, "cannot read the log file");
+  if (!OpenTransfer(*url, *body, bodyLength, boundary)) return FailSetUp(report, "cannot set up the transfer");
 
   // An error and a normal end are alike: the caller judges the reply text
   // alone, and a missing reply keeps the file for a later try.
-  (void)curl_easy_perform(m_easy->Get());
-  EndExchange();
+  const CURLcode result = curl_easy_perform(m_easy->Get());
+  curl_easy_getinfo(m_easy->Get(), CURLINFO_RESPONSE_CODE, &report.httpStatus);
+  if (result != CURLE_OK) report.error = m_errorText[0] != '\0' ? m_errorText : curl_easy_strerror(result);
+  m_inProgress = false;
+  m_finished = true;
+  Close();
+  Report(report);
   return true;
 }
 
-bool Uploader_Curl::FailSetUp() {
+bool Uploader_Curl::FailSetUp(ExchangeReport& ioReport, const char* inWhy) {
   Close();
   m_inProgress = false;
   m_finished = true;
+  ioReport.error = inWhy;
+  Report(ioReport);
   return false;
-}
-
-void Uploader_Curl::EndExchange() {
-  m_inProgress = false;
-  m_finished = true;
-  Close();
 }
 
 bool Uploader_Curl::OpenTransfer(const std::string& inUrl, const std::string& inBody, uint32_t inBodyLength,
@@ -138,6 +155,7 @@ bool Uploader_Curl::SetOptions(const std::string& inUrl, const std::string& inBo
          curl_easy_setopt(easy, CURLOPT_POSTFIELDS, inBody.data()) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_headers->Get()) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, m_errorText) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReplyChunkSize) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Uploader_Curl::ReceiveReply) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_WRITEDATA, this) == CURLE_OK &&

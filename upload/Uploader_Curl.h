@@ -39,11 +39,13 @@ class Uploader_Curl final : public Uploader {
   // libcurl reads them; TLS verification on; no time-out); runs the transfer
   // until it ends, on a kept connection to the same server when one is still
   // open. When a kept connection turns out closed by the server before any
-  // reply, libcurl sends the same request again on a fresh one. Any end of the transfer, a failed connection or a stop
-  // request included, marks the object finished, closes it and returns true;
-  // the reply is whatever body bytes came. When the URL, the body or the
-  // transfer cannot be set up, nothing is sent, the object is closed and
-  // marked finished, and the result is false.
+  // reply, libcurl sends the same request again on a fresh one. Any end of
+  // the transfer, a failed connection or a stop request included, marks the
+  // object finished, closes it and returns true; the reply is whatever body
+  // bytes came. When the URL, the body or the transfer cannot be set up,
+  // nothing is sent, the object is closed and marked finished, and the
+  // result is false. Either way the observer, if any, then hears the URL
+  // (without credentials), the HTTP status and libcurl's error text.
   bool UploadFile(const std::string& inFilePath, const std::string& inUrl) override;
 
  private:
@@ -61,14 +63,16 @@ class Uploader_Curl final : public Uploader {
   bool OpenTransfer(const std::string& inUrl, const std::string& inBody, uint32_t inBodyLength,
                     const std::string& inBoundary);
   bool SetOptions(const std::string& inUrl, const std::string& inBody);
-  bool FailSetUp();
-  void EndExchange();
+  // Marks the object finished after a failed set-up, reports inWhy, and
+  // returns false.
+  bool FailSetUp(ExchangeReport& ioReport, const char* inWhy);
 
   static size_t ReceiveReply(char* inData, size_t inSize, size_t inCount, void* inUploader);
   static int ReportProgress(void* inUploader, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
 
   std::unique_ptr<CurlEasy> m_easy;  // null while no transfer is open
   std::unique_ptr<CurlHeaderList> m_headers;
+  char m_errorText[CURL_ERROR_SIZE] = {};  // libcurl's words for the last failure
 };
 
 #endif  // PORVANE_UPLOAD_UPLOADER_CURL_H
