@@ -186,6 +186,8 @@ TEST_F(AgentEndToEnd, BrokenExchangesKeepTheFileAndOnlyTheReplyBodyCounts) {
           inServer.ReadRequest(inSocket);  // until the agent goes
         },
         "HTTP 0, error \"Callback aborted\", reply \"\"; kept, stopped"}},
+      {"301 elsewhere", {answer("HTTP/1.1 301 Moved\r\nLocation: /x\r\nContent-Length: 0\r\n\r\n"),
+                         "HTTP 301, reply \"\"; kept, next try in 60 s"}},
       {"500 saying Active", {answer(RawServer::Reply("Active", 500)), "HTTP 500, reply \"Active\"; removed"}},
   };
   for (const auto& [name, peer] : kPeers) {

@@ -95,7 +95,7 @@ bool Uploader_Curl::UploadFile(const std::string& inFilePath, const std::string&
   m_errorText[0] = '\0';
   ExchangeReport report{WithoutCredentials(inUrl), 0, ""};
   std::optional<std::string> url = CreateURL(inUrl);
-  if (!url) return FailSetUp(report, "not an http or https URL");
+  if (!url) return FailSetUp(report, "not a usable http or https URL");
   report.url = WithoutCredentials(*url);
   uint32_t bodyLength = 0;
   std::string boundary;
