@@ -13,6 +13,7 @@
 #include <string>
 
 #include "ChildProcess.h"
+#include "Diagnostics.h"
 #include "TempDir.h"
 #include "UploadRun.h"
 #include "UsageStatus.h"
@@ -31,7 +32,9 @@ int main(int argc, char** argv) {
   ReceiverProcess receiver(home / "spool");
   const auto start = std::chrono::steady_clock::now();
   const UsageStatusFile status(home / "UserSettings.cfg");
-  const int result = UploadLogFolder(status, receiver.Url(), sLogs);
+  const std::string receiverUrl = receiver.Url();
+  const Diagnostics quiet(false);
+  const int result = UploadLogFolder(RunSettings{status, receiverUrl, quiet}, sLogs);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   const size_t received = receiver.Lines(static_cast<size_t>(files)).size();
