@@ -6,10 +6,13 @@
 #include <vector>
 
 struct ReceiverOptions {
-  int port = 0;             // 0: the system picks a free port
-  std::string spoolFolder;  // required
-  std::string policyFile;   // "" when none was given
-  int delayMs = 0;          // wait before each answer
+  std::string listenAddress = "127.0.0.1";  // an IPv4 or IPv6 address, never a host name
+  int port = 0;                             // 0: the system picks a free port
+  std::string spoolFolder;                  // required
+  std::string policyFile;                   // "" when none was given
+  std::string certificateFile;              // PEM chain; with keyFile, serve HTTPS; "" for HTTP
+  std::string keyFile;                      // PEM private key of the certificate
+  int delayMs = 0;                          // wait before each answer
   bool help = false;
 };
 
@@ -19,8 +22,9 @@ extern const char* const kReceiverUsage;
 // Parses the arguments after the program name. Options take their value as
 // the next argument or after "=" ("--port 8080", "--port=8080"). Returns ""
 // and fills outOptions, or a one-line message for the first problem found:
-// an unknown option, a missing or malformed value, no --spool. With --help
-// the other options are not checked.
+// an unknown option, a missing or malformed value (an address that is not a
+// numeric IPv4 or IPv6 address included), no --spool, --cert without --key
+// or the other way round. With --help the other options are not checked.
 std::string ParseReceiverOptions(const std::vector<std::string>& inArgs, ReceiverOptions& outOptions);
 
 #endif  // PORVANE_RECEIVER_RECEIVEROPTIONS_H

@@ -70,7 +70,15 @@ TEST(ReceiverProgram, ServesOverHttpAndRefusesBadCommandLines) {
   const std::pair<std::vector<std::string>, std::string> kCases[] = {
       {{p, "--port=0", "--help", "--bogus"}, "0 usage: porvane-receiver --spool DIR"},
       {{p, "--delay-ms", "3600000", "--port=6553x"}, error + "bad port '6553x'\n"},
-      {{p, "--spool", dir.Path(), "--policy", dir / "none"}, error + "cannot read policy file " + dir / "none\n"}};
+      {{p, "--spool", dir.Path(), "--policy", dir / "none"}, error + "cannot read policy file " + dir / "none\n"},
+      {{p, "--spool", dir.Path(), "--listen", "localhost"}, error + "bad address 'localhost'\n"},
+      {{p, "--spool", dir.Path(), "--listen", "192.0.2.1"},
+       "1 porvane-receiver: cannot listen on 192.0.2.1 port 0: Cannot assign requested address\n"},
+      {{p, "--spool", dir.Path(), "--listen", "::1", "--key", dir / "k"}, error + "--cert and --key go together\n"},
+      {{p, "--spool", dir.Path(), "--cert", dir / "c", "--key", dir / "k"},
+       error + "cannot load certificate " + dir / "c: No such file or directory\n"},
+      {{p, "--spool", dir.Path(), "--cert", dir / "curl.out", "--key", dir / "k"},
+       error + "cannot load certificate " + dir / "curl.out: no start line\n"}};
   for (const auto& [args, expected] : kCases) {
     ChildProcess child(args, CurrentEnvironment(), dir / "child");
     child.Wait();

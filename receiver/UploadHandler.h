@@ -40,7 +40,8 @@ class UploadHandler {
   HandledRequest Handle(const HttpRequest& inRequest) const;
 
   // The response and line for a request that could not even be read whole
-  // (inStatus 400 or 413); the connection is to be closed after it.
+  // (inStatus 400 or 413), or for a connection beyond the server's limit
+  // (503); the connection is to be closed after it.
   static HandledRequest Reject(boost::beast::http::status inStatus, const std::string& inReason);
 
  private:

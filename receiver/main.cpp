@@ -1,6 +1,6 @@
 // porvane-receiver: the reference collection server for demos, tests and
 // operators. Parses the command line, prepares the spool and the policy,
-// then serves on loopback until SIGTERM or SIGINT.
+// then serves, on loopback unless told otherwise, until SIGTERM or SIGINT.
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -64,11 +64,16 @@ int main(int argc, char** argv) {
   UploadHandler handler(spool, policy);
   LinePrinter printer(stdout);
   try {
-    ReceiverServer server(handler, printer, options.port, std::chrono::milliseconds(options.delayMs));
-    printer.Print("porvane-receiver: listening on 127.0.0.1:" + std::to_string(server.Port()));
+    ReceiverServer server(handler, printer, options);
+    const bool tls = !options.certificateFile.empty();
+    printer.Print("porvane-receiver: listening on " + server.Endpoint() + (tls ? " (TLS)" : ""));
     server.Run();
+  } catch (const ReceiverServer::CredentialsError& e) {
+    return Fail(e.what(), 2);
   } catch (const boost::system::system_error& e) {
-    return Fail(std::string("cannot listen on port ") + std::to_string(options.port) + ": " + e.code().message(), 1);
+    return Fail("cannot listen on " + options.listenAddress + " port " + std::to_string(options.port) + ": " +
+                    e.code().message(),
+                1);
   }
   return 0;
 }
