@@ -12,15 +12,20 @@
 #       groff and man render the page without a single warning.
 #   check_packaging.sh install CMAKE BUILD_DIR
 #       installs the component "integration" into a DESTDIR with prefix /usr,
-#       and into another prefix, and checks where the files land and the
-#       service's ExecStart.
+#       and into another prefix, and checks where the files land (the manual
+#       pages compressed, the documents), and the service's ExecStart.
 #   check_packaging.sh deb CPACK BUILD_DIR
-#       builds the .deb, checks its files, its ExecStart and its
-#       library dependencies, then runs the unpacked porvane against the
-#       unpacked receiver.
+#       builds the .deb, checks its files, its version, its ExecStart and its
+#       library dependencies, runs the unpacked porvane against the unpacked
+#       receiver, and last has lintian check the package: any error or
+#       warning fails.
 #
 # Exit status: 0 passed, 1 failed, 77 skipped (a tool is missing).
 set -euo pipefail
+
+# The packaging folder, which holds the sources of the installed documents.
+here=$(cd "$(dirname "$0")" && pwd)
+man_pages=(porvane porvane-receiver porvane-unlock)
 
 fail() { echo "FAIL: $*" >&2; exit 1; }
 skip() { echo "SKIP: $*"; exit 77; }
@@ -74,7 +79,16 @@ check_tree() {
   local service="$root/usr/lib/systemd/user/porvane.service"
   [ -f "$service" ] || fail "no $service"
   [ -f "$root/usr/lib/systemd/user/porvane.timer" ] || fail "no porvane.timer"
-  [ -f "$root/usr/share/man/man1/porvane.1" ] || fail "no man1/porvane.1"
+  # Each page, and the changelog, compressed from the current source.
+  local page doc="$root/usr/share/doc/porvane"
+  for page in "${man_pages[@]}"; do
+    gzip -dc "$root/usr/share/man/man1/$page.1.gz" | cmp -s - "$here/$page.1" ||
+      fail "man1/$page.1.gz is not packaging/$page.1 compressed"
+  done
+  gzip -dc "$doc/changelog.Debian.gz" | cmp -s - "$here/changelog.Debian" ||
+    fail "no changelog.Debian.gz made from packaging/changelog.Debian"
+  cmp -s "$doc/copyright" "$here/copyright" || fail "no copyright file from packaging/copyright"
+  cmp -s "$doc/receiver.md" "$here/../docs/receiver.md" || fail "no receiver.md from docs/receiver.md"
   local exec_start
   exec_start=$(grep '^ExecStart=' "$service")
   [ "$exec_start" = "ExecStart=/usr/bin/porvane" ] || fail "service has '$exec_start'"
@@ -109,6 +123,16 @@ check_deb() {
   [ -x "$scratch/deb/usr/bin/porvane" ] || fail "no /usr/bin/porvane in the package"
   [ -f "$scratch/deb/usr/share/porvane/Porvane.cfg" ] || fail "no Porvane.cfg in the package"
   [ "$(dpkg-deb -f "$deb" Package)" = porvane ] || fail "package name"
+  # The version is the one of the changelog's latest entry, and the manual
+  # pages name its upstream part.
+  local version page
+  version=$(dpkg-deb -f "$deb" Version)
+  head -n 1 "$here/changelog.Debian" | grep -qF "porvane ($version) " ||
+    fail "version $version is not the changelog's latest"
+  for page in "${man_pages[@]}"; do
+    head -n 1 "$here/$page.1" | grep -qF "\"Porvane ${version%-*}\"" ||
+      fail "$page.1 does not name Porvane ${version%-*}"
+  done
   local depends
   depends=$(dpkg-deb -f "$deb" Depends)
   # Every library a packaged program names (ELF NEEDED) must come from a
@@ -130,6 +154,14 @@ check_deb() {
   done
   run_unpacked "$scratch/deb"
   echo "package $(basename "$deb") as expected; Depends: $depends"
+
+  need lintian
+  local findings status=0
+  findings=$(lintian --fail-on error,warning "$deb" 2>&1) || status=$?
+  if [ "$status" -ne 0 ] || grep -q '^[EW]: ' <<<"$findings"; then
+    fail "lintian (status $status): $findings"
+  fi
+  echo "lintian: no error, no warning"
 }
 
 # Runs the unpacked /usr/bin/porvane against the unpacked receiver, which it
