@@ -11,6 +11,13 @@
 // normalised. The file is read whole and written back whole only when the
 // list changed; a failure leaves it as it was. There is no locking: two
 // writers at once can lose each other's change.
+//
+// No Linux desktop reads that file, so each operation also keeps the
+// matching XDG autostart entry: $XDG_CONFIG_HOME/autostart/login-item-<hex
+// MD5 of the path>.desktop, an Application entry whose Exec runs the path,
+// one per path. It is written when an item is added (or found listed) and
+// removed with the item, after the property list was handled; failing to
+// write or remove it makes the operation return false.
 #ifndef PORVANE_INCLUDE_LOGINWINDOWPLIST_H
 #define PORVANE_INCLUDE_LOGINWINDOWPLIST_H
 

@@ -78,4 +78,9 @@ Container& base64Encode(Iterator first, Iterator last, Container& out) {
 // REQUIRES: !inString.empty() (asserted).
 std::string MD5Hash(const std::string& inString);
 
+// The 32-character lower-case hexadecimal text of the same digest, for names
+// that must be plain (file names).
+// REQUIRES: !inString.empty() (asserted).
+std::string MD5HexDigest(const std::string& inString);
+
 #endif  // PORVANE_INCLUDE_MD5HASH_H

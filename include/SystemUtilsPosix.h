@@ -9,6 +9,8 @@
 #ifndef PORVANE_INCLUDE_SYSTEMUTILSPOSIX_H
 #define PORVANE_INCLUDE_SYSTEMUTILSPOSIX_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -29,13 +31,27 @@ bool SetEnvironmentVariable(const std::string& inName, const std::string& inValu
 // value (possibly empty) and returns true.
 bool GetEnvironmentVariable(const std::string& inName, std::string& outValue);
 
-// Opens inURL with the desktop's handler by starting "xdg-open <url>"
-// detached (found through PATH). False when the text is not a usable URL
-// (empty, not UTF-8, holding spaces or control characters, or starting with
-// "-", which xdg-open would read as an option) or when xdg-open could not be
-// started; true once it runs. Whether the handler then succeeds is not
-// known to the caller.
+// Opens inURL with the desktop's handler: runs "xdg-open <url>" (found
+// through PATH) and waits for it. True only when xdg-open reports success
+// (exit status 0). False when the text is not a usable URL (empty, not
+// UTF-8, holding spaces or control characters, or starting with "-", which
+// xdg-open would read as an option), when xdg-open cannot be run, or when it
+// reports a failure (no handler, no desktop session).
 bool OpenURL(const std::string& inURL);
+
+// Sets outPid to the first process in /proc order whose executable
+// (/proc/PID/exe) is the same file-system object (device and inode) as
+// inBundlePath, and returns true; false when no process runs it, or
+// inBundlePath names nothing. Processes of other users whose executable
+// cannot be looked at are passed over.
+bool FindProcessByBundleLocation(const std::string& inBundlePath, pid_t& outPid);
+
+// Runs an event loop (sd-event) with a timer that first fires after
+// inSeconds and then every 1.0 second; the timer's handler ends the loop at
+// its first firing, so the call returns after inSeconds (never before; a
+// negative or NaN time counts as 0). The timer is removed afterwards. False
+// when the loop or the timer could not be made.
+bool RunEventLoopFor(double inSeconds);
 
 // Adds inAppPath to the current user's login items (AddLoginItem).
 // REQUIRES: inParams.empty() and false == inAllUsers (both asserted): launch

@@ -116,13 +116,30 @@ void MD5Digest::final() {
   for (int i = 0; i < 4; ++i) StoreLittleEndian(state[i], digest + 4 * i);
 }
 
-std::string MD5Hash(const std::string& inString) {
-  QVD_ASSERT(!inString.empty());
+namespace {
+
+// The digest of inString's bytes, raw and as hexadecimal text.
+void DigestOf(const std::string& inString, std::vector<uint8_t>& outBytes, std::string& outHex) {
   MD5Digest context;
   context.update(inString.begin(), inString.end());
+  context.finish(std::back_inserter(outBytes), outHex);
+}
+
+}  // namespace
+
+std::string MD5Hash(const std::string& inString) {
+  QVD_ASSERT(!inString.empty());
   std::vector<uint8_t> bytes;
-  std::string hexText;  // built by finish, not needed here
-  context.finish(std::back_inserter(bytes), hexText);
+  std::string hexText;  // made along the way, not needed here
+  DigestOf(inString, bytes, hexText);
   std::string result;
   return base64Encode(bytes.begin(), bytes.end(), result);
+}
+
+std::string MD5HexDigest(const std::string& inString) {
+  QVD_ASSERT(!inString.empty());
+  std::vector<uint8_t> bytes;
+  std::string hexText;
+  DigestOf(inString, bytes, hexText);
+  return hexText;
 }

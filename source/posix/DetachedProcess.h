@@ -1,4 +1,4 @@
-// Starting a program that lives on by itself.
+// Starting programs: one that lives on by itself, or one that is waited for.
 #ifndef PORVANE_SOURCE_POSIX_DETACHEDPROCESS_H
 #define PORVANE_SOURCE_POSIX_DETACHEDPROCESS_H
 
@@ -21,5 +21,12 @@
 // when a pipe or process could not be made, or when exec failed (no such
 // file, not executable, ...); in that case errno holds the reason.
 bool StartDetached(const std::vector<std::string>& inArgv, bool inSearchPath);
+
+// Runs the program inArgv[0] (looked up in PATH with inSearchPath) with the
+// arguments inArgv and the current environment, standard input from
+// /dev/null, and waits for it. Returns its exit status; -1 when inArgv is
+// empty, when it could not be started (no such program, not executable) or
+// when a signal ended it.
+int RunProgram(const std::vector<std::string>& inArgv, bool inSearchPath);
 
 #endif  // PORVANE_SOURCE_POSIX_DETACHEDPROCESS_H

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "Assert.h"
+#include "AutostartEntry.h"
 #include "FileSystemUtils.h"
 #include "FolderFinder.h"
 #include "Utf8Text.h"
@@ -139,11 +140,9 @@ EditResult EditLoginItems(std::string& ioBuffer, const std::string& inAppPath, b
   return EditResult::kChanged;
 }
 
-// The routine behind both operations; inRemove selects removal.
-bool UpdateLoginItems(const std::string& inAppPath, bool inRemove) {
-  std::string sFolder;
-  if (!FindSpecialFolder(kPreferencesFolderId, sFolder, true)) return false;
-  const std::string sPath = FileSystemUtils::AppendPath(sFolder, kFileName);
+// The edit of the property list in inFolder; inRemove selects removal.
+bool UpdatePropertyList(const std::string& inFolder, const std::string& inAppPath, bool inRemove) {
+  const std::string sPath = FileSystemUtils::AppendPath(inFolder, kFileName);
   std::string buffer;
   if (FileSystemUtils::PathExists(sPath)) {
     if (FileSystemUtils::ReadWholeFile(sPath, buffer) != FileSystemUtils::ReadStatus::kComplete) return false;
@@ -159,6 +158,15 @@ bool UpdateLoginItems(const std::string& inAppPath, bool inRemove) {
       break;
   }
   return FileSystemUtils::WriteWholeFile(sPath, buffer);
+}
+
+// Both operations: the property list as always, then the autostart entry
+// that makes the change take effect on a Linux desktop.
+bool UpdateLoginItems(const std::string& inAppPath, bool inRemove) {
+  std::string sFolder;
+  if (!FindSpecialFolder(kPreferencesFolderId, sFolder, true)) return false;
+  if (!UpdatePropertyList(sFolder, inAppPath, inRemove)) return false;
+  return inRemove ? RemoveAutostartEntry(sFolder, inAppPath) : WriteAutostartEntry(sFolder, inAppPath);
 }
 
 }  // namespace

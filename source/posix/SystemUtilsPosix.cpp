@@ -4,8 +4,11 @@
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -21,6 +24,7 @@
 #include "FormatString.h"
 #include "LoginWindowPList.h"
 #include "MD5Hash.h"
+#include "ProcessTable.h"
 #include "Utf8Text.h"
 
 namespace {
@@ -47,14 +51,8 @@ bool IsUsableURL(const std::string& inURL) {
 // too). Hexadecimal digits always pass; the filter guards the file name
 // should the digest text ever change form.
 std::string MarkerFileName(const std::string& inString) {
-  QVD_ASSERT(!inString.empty());
-  MD5Digest digest;
-  digest.update(inString.begin(), inString.end());
-  std::vector<uint8_t> bytes;
-  std::string sHex;
-  digest.finish(std::back_inserter(bytes), sHex);
   std::string sName;
-  for (char c : sHex) {
+  for (char c : MD5HexDigest(inString)) {
     if ((c >= '0' && c <= '9') || (c >= 'A' && c <= 'z')) sName += c;
   }
   return sName;
@@ -72,6 +70,19 @@ bool GetRestartMarkerPath(const std::string& inName, std::string& outPath) {
   if (!FileSystemUtils::PathExists(sFolder) && !FileSystemUtils::CreateDirectoryChain(sFolder)) return false;
   outPath = FileSystemUtils::AppendPath(sFolder, sName);
   return true;
+}
+
+struct EventLoopUnref {
+  void operator()(sd_event* inLoop) const { sd_event_unref(inLoop); }
+};
+using EventLoopOwner = std::unique_ptr<sd_event, EventLoopUnref>;
+
+// RunEventLoopFor's timer: from now on every second, but it ends the loop at
+// once.
+int OnLoopTimer(sd_event_source* inTimer, uint64_t, void*) {
+  sd_event_source_set_time_relative(inTimer, 1000000);
+  sd_event_source_set_enabled(inTimer, SD_EVENT_ON);
+  return sd_event_exit(sd_event_source_get_event(inTimer), 0);
 }
 
 // Owners for the sd-bus handles of RequestRestart.
@@ -132,7 +143,37 @@ bool GetEnvironmentVariable(const std::string& inName, std::string& outValue) {
 
 bool OpenURL(const std::string& inURL) {
   if (!IsUsableURL(inURL)) return false;
-  return StartDetached({"xdg-open", inURL}, true);
+  // xdg-open hands the URL to the desktop's handler and exits; its status
+  // says whether the handing over worked.
+  return RunProgram({"xdg-open", inURL}, true) == 0;
+}
+
+bool FindProcessByBundleLocation(const std::string& inBundlePath, pid_t& outPid) {
+  FileIdentity bundle;
+  if (!IdentifyFile(inBundlePath, bundle)) return false;
+  bool found = false;
+  ForEachProcess([&](pid_t inPid) {
+    FileIdentity executable;
+    found = IdentifyFile("/proc/" + std::to_string(inPid) + "/exe", executable) && executable == bundle;
+    if (found) outPid = inPid;
+    return !found;
+  });
+  return found;
+}
+
+bool RunEventLoopFor(double inSeconds) {
+  sd_event* loop = nullptr;
+  if (sd_event_new(&loop) < 0) return false;
+  const EventLoopOwner loopOwner(loop);
+  // Held below a bound that keeps the microseconds, and now plus them, in 64 bits.
+  const double seconds = inSeconds > 0 ? std::min(inSeconds, 1e13) : 0;
+  const uint64_t delay = static_cast<uint64_t>(seconds * 1e6);
+  sd_event_source* timer = nullptr;
+  // Accuracy 1 µs: the default would let the timer fire up to 250 ms late.
+  if (sd_event_add_time_relative(loop, &timer, CLOCK_MONOTONIC, delay, 1, OnLoopTimer, nullptr) < 0) return false;
+  const int result = sd_event_loop(loop);
+  sd_event_source_disable_unref(timer);
+  return result >= 0;
 }
 
 bool AddToLoginItems(const std::string& inAppPath, const std::vector<std::string>& inParams, bool inAllUsers) {
