@@ -21,7 +21,7 @@ auto Misuse(const char* inWhat, const char* inResource) {
 static std::tuple<int, std::string, std::string> Unlock(std::vector<std::string> inArgs) {
   const ::TempDir capture("porvane-unlock");  // not testing::TempDir
   inArgs.insert(inArgs.begin(), BuiltProgram("porvane-unlock"));
-  ChildProcess unlock(inArgs, CurrentEnvironment(), capture / "run");
+  ChildProcess unlock(inArgs, {}, capture / "run");
   return {unlock.Wait() ? unlock.ExitCode() : -2, unlock.Stdout(), unlock.Stderr()};
 }
 

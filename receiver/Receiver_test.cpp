@@ -57,7 +57,7 @@ TEST(ReceiverProgram, ServesOverHttpAndRefusesBadCommandLines) {
   const std::string out = " %{http_code} %{num_connects}\n", url = receiver.Url();
   ChildProcess curl({"/usr/bin/curl", "-sS", "--noproxy", "*", "-i", "-w", out, url, "--next", "-w", out, "-H",
                      "Content-Length: x", url, "--next", "-w", out, "-H", "Expect: 100-continue", "-F",
-                     "logfile=line one;filename=u2_1.log", url}, CurrentEnvironment(), dir / "curl");
+                     "logfile=line one;filename=u2_1.log", url}, {}, dir / "curl");
   ASSERT_TRUE(curl.Wait());
   // A GET is refused and the connection kept; a request that cannot be read
   // is refused and the connection closed; serving goes on, a client that
@@ -80,7 +80,7 @@ TEST(ReceiverProgram, ServesOverHttpAndRefusesBadCommandLines) {
       {{p, "--spool", dir.Path(), "--cert", dir / "curl.out", "--key", dir / "k"},
        error + "cannot load certificate " + dir / "curl.out: no start line\n"}};
   for (const auto& [args, expected] : kCases) {
-    ChildProcess child(args, CurrentEnvironment(), dir / "child");
+    ChildProcess child(args, {}, dir / "child");
     child.Wait();
     EXPECT_EQ(expected, std::to_string(child.ExitCode()) + " " + child.Stderr() + child.Stdout().substr(0, 35));
   }

@@ -16,7 +16,6 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <optional>
 #include <iterator>
 #include <set>
 #include <sstream>
@@ -226,28 +225,21 @@ TEST_F(AgentEndToEnd, KilledProgramsLoseNoFileAndADeadAgentsLockHealsByItself) {
     for (const std::string& name : Names(mLogs)) seen.insert(name);
     return 40 - seen.size();
   };
-  // The receiver dies mid-run: the agent keeps the rest and waits.
-  std::optional<ReceiverProcess> receiver(std::in_place, Spool("1"), Strings{"--delay-ms", "30"});
-  auto agent = Start({"-receiverURL=" + receiver->Url()});
-  ASSERT_TRUE(Eventually([&] { return receiver->Lines().size() >= 5; }));
-  receiver->Process().Signal(SIGKILL);
-  ExpectWaitingThenStop(*agent);
-  acknowledge(*receiver);
-  EXPECT_EQ(lost(), 0u);
-
   // The agent dies mid-upload. Its lock stays and stops a plain pass; the
   // shipped unit's commands, in order, clear it (while the agent lived,
   // --if-stale left it) and deliver the rest.
-  receiver.emplace(Spool("2"), Strings{"--delay-ms", "30"});
-  agent = Start({"-receiverURL=" + receiver->Url()});
-  ASSERT_TRUE(Eventually([&] { return receiver->Lines().size() >= 5; }));
+  ReceiverProcess receiver(Spool("r"), {"--delay-ms", "30"});
+  auto agent = Start({"-receiverURL=" + receiver.Url()});
+  ASSERT_TRUE(Eventually([&] { return receiver.Lines().size() >= 5; }));
   EXPECT_EQ(Unlock("--if-stale"), "porvane-unlock: lock \"TarvoUsageTrackerFileUploadLocker\" is held by process " +
                                       std::to_string(agent->Pid()) + "; left in place\n");
   agent->Signal(SIGKILL);
   ASSERT_TRUE(agent->Wait());
-  EXPECT_EQ(Run({"-receiverURL=" + receiver->Url()}), 1);
+  acknowledge(receiver);
+  EXPECT_EQ(lost(), 0u);
+  EXPECT_EQ(Run({"-receiverURL=" + receiver.Url()}), 1);
   ChildProcess::Environment env = mHome.Environment();
-  env["receiverURL"] = receiver->Url();
+  env["receiverURL"] = receiver.Url();
   std::istringstream unit(ReadFile(std::string(PORVANE_BINARY_DIR) + "/packaging/verify/porvane.service"));
   for (std::string line; std::getline(unit, line);) {
     if (line.rfind("ExecStart", 0) != 0) continue;
@@ -258,7 +250,7 @@ TEST_F(AgentEndToEnd, KilledProgramsLoseNoFileAndADeadAgentsLockHealsByItself) {
     ASSERT_TRUE(step.Wait());
     EXPECT_EQ(step.ExitCode(), 0) << line << ": " << step.Stdout() << step.Stderr();
   }
-  acknowledge(*receiver);
+  acknowledge(receiver);
   EXPECT_EQ(lost(), 0u);
   EXPECT_EQ(acked.size(), 40u);
   EXPECT_TRUE(Names(mLogs).empty());

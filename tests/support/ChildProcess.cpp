@@ -27,6 +27,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& inArgs, const Environ
   for (auto& e : env) envp.push_back(e.data());
   argv.push_back(nullptr);
   envp.push_back(nullptr);
+  char* const* const environment = inEnvironment.empty() ? environ : envp.data();
   const int out = open((mStem + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   const int err = open((mStem + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (out < 0 || err < 0) throw std::runtime_error("cannot capture into " + mStem);
@@ -40,7 +41,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& inArgs, const Environ
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    execve(argv[0], argv.data(), envp.data());
+    execve(argv[0], argv.data(), environment);
     _exit(127);
   }
   close(out);
@@ -79,7 +80,7 @@ ReceiverProcess::ReceiverProcess(const std::string& inSpool, const std::vector<s
             args.insert(args.end(), inExtraArgs.begin(), inExtraArgs.end());
             return args;
           }(),
-          CurrentEnvironment(), inSpool) {
+          {}, inSpool) {
   const std::string kListening = "porvane-receiver: listening on 127.0.0.1:";
   Eventually([&] {
     const std::string out = mProcess.Stdout();
@@ -106,16 +107,6 @@ std::vector<std::string> ReceiverProcess::Lines(size_t inCount) const {
 }
 
 std::string BuiltProgram(const std::string& inName) { return std::string(PORVANE_BINARY_DIR) + "/bin/" + inName; }
-
-ChildProcess::Environment CurrentEnvironment() {
-  ChildProcess::Environment env;
-  for (char** e = environ; *e != nullptr; ++e) {
-    const std::string entry = *e;
-    const size_t eq = entry.find('=');
-    if (eq != std::string::npos) env[entry.substr(0, eq)] = entry.substr(eq + 1);
-  }
-  return env;
-}
 
 bool Eventually(const std::function<bool()>& inCondition, int inTimeoutMs) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(inTimeoutMs);

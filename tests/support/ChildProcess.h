@@ -15,8 +15,9 @@ class ChildProcess {
  public:
   using Environment = std::map<std::string, std::string>;
 
-  // Starts inArgs[0] with inArgs and exactly inEnvironment; standard output
-  // and error go to inCaptureStem + ".out" and ".err".
+  // Starts inArgs[0] with inArgs and exactly inEnvironment (this process's
+  // own when it is empty); standard output and error go to inCaptureStem +
+  // ".out" and ".err".
   ChildProcess(const std::vector<std::string>& inArgs, const Environment& inEnvironment,
                const std::string& inCaptureStem);
   // Kills (SIGKILL) and reaps a child that is still running.
@@ -63,9 +64,6 @@ class ReceiverProcess {
 
 // The path of a program of the build tree ("porvane", "porvane-receiver").
 std::string BuiltProgram(const std::string& inName);
-
-// The process's own environment, to start from it and change a few.
-ChildProcess::Environment CurrentEnvironment();
 
 // Waits (bounded) until inCondition holds.
 bool Eventually(const std::function<bool()>& inCondition, int inTimeoutMs = 10000);
