@@ -14,7 +14,7 @@
 
 #include "ChildProcess.h"
 #include "Diagnostics.h"
-#include "TempDir.h"
+#include "PrivateHome.h"
 #include "UploadRun.h"
 #include "UsageStatus.h"
 
@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
   const int files = argc > 1 ? std::atoi(argv[1]) : 1000;
   const size_t bytes = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 2048;
 
-  TempDir home("walkbench");
+  PrivateHome home;
   const std::string sLogs = home / "logs";
   std::filesystem::create_directories(sLogs);
   const std::string sContent(bytes, 'x');

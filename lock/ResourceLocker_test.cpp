@@ -19,7 +19,7 @@ auto Misuse(const char* inWhat, const char* inResource) {
 
 // porvane-unlock with inArgs: exit status, standard output, standard error.
 static std::tuple<int, std::string, std::string> Unlock(std::vector<std::string> inArgs) {
-  const ::TempDir capture("porvane-unlock");  // not testing::TempDir
+  const PrivateHome capture;
   inArgs.insert(inArgs.begin(), BuiltProgram("porvane-unlock"));
   ChildProcess unlock(inArgs, {}, capture / "run");
   return {unlock.Wait() ? unlock.ExitCode() : -2, unlock.Stdout(), unlock.Stderr()};
@@ -55,4 +55,13 @@ TEST(ResourceLockerTest, OneHolderPerMachineUntilReleasedOrClearedByPorvaneUnloc
   EXPECT_THAT(Unlock({"--help"}), FieldsAre(0, StartsWith("usage: porvane-unlock "), ""));
   EXPECT_THAT(Unlock({"--name"}),
               FieldsAre(2, "", StartsWith("porvane-unlock: unexpected argument \"--name\"\nusage: porvane-unlock")));
+}
+
+TEST(ResourceLockerTest, ALockAnotherUsersProcessDiedHoldingIsNeverTakenForStale) {
+  if (const std::string why = UsePrivateShm(); !why.empty()) GTEST_SKIP() << why;
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make a lock as another user";
+  ASSERT_EQ(RunAsUser(kNobody, []() -> int { _exit(qvd::ResourceLocker(kAgentLockName, 0).lock() ? 0 : 1); }), 0);
+  EXPECT_THAT(Unlock({"--if-stale"}), FieldsAre(0, "porvane-unlock: lock \"TarvoUsageTrackerFileUploadLocker\" "
+                                                   "belongs to another user; left in place\n", ""));
+  EXPECT_EQ(access("/dev/shm/sem.rDYSDwOgFCbsPgPa4MYm3Q==", F_OK), 0);
 }

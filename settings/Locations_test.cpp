@@ -13,11 +13,7 @@ namespace fs = std::filesystem;
 // cannot be made is only left out; a base folder that cannot itself be made
 // is a failed look-up, which leaves the status as it was.
 TEST(LocationsTest, UserPathsAreMadeUnderTheXdgFolders) {
-  struct Case {
-    std::string stateFile, dataHome, stateHome;
-    int status;
-    bool settings, logs;
-  } const kCases[] = {
+  struct Case { std::string stateFile, dataHome, stateHome; int status; bool settings, logs; } const kCases[] = {
       {"", "data", "state", kLocationOk, true, true},
       {"data/Tarvo", "data", "state", kSettingsFolderNotCreated, false, true},
       {"state/Logs", "data", "state", kLocationOk, true, false},
@@ -50,7 +46,7 @@ TEST(LocationsTest, InstallPathsAndSettingsOfAHost) {
   const std::string host = fs::canonical(PORVANE_BINARY_DIR).native() + "/lib/settings_test";
   EXPECT_EQ(container + " " + executable, host + " " + host + "/porvane/bin/porvane");
   EXPECT_EQ(config, host + "/porvane/share/porvane/Porvane.cfg");
-  TempDir dir("install");
+  PrivateHome dir;
   WriteFile(dir / "a", "[ system ]\nmaxtotaldirsize = 1234\nUploadURL=http://h/u\n");
   WriteFile(dir / "b", "[System]\nMaxTotalDirSize=\nUploadURL=x\n");
   for (const auto& [name, want] : {std::pair{"a", "1234 http://h/u"}, {"b", "500000 x"}, {"none", "500000 "}})

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <filesystem>
 
-#include "TempDir.h"
+#include "PrivateHome.h"
 
 namespace fs = std::filesystem;
 
@@ -31,19 +31,20 @@ TEST(LogFolderLimitTest, DeletesTheOldestFilesUntilTheRestFit) {
       // second than the third), also when measured anew.
       {"20", {10, 10, 10}, {2000, 900, 600}, "101"}, {"20", {10, 10, 10}, {2000, 900, 600}, "101", true, 3}};
   for (const Case& c : cases) {
-    TempDir dir("limit");
-    for (const char* name : {"f1", "f2", "f3"}) WriteFile(dir / name, "");
-    const std::vector<fs::directory_entry> listed(fs::directory_iterator(dir.Path()), fs::directory_iterator());
+    PrivateHome home;
+    const std::string dir = home / "tmp";  // empty
+    for (const char* name : {"f1", "f2", "f3"}) WriteFile(dir + "/" + name, "");
+    const std::vector<fs::directory_entry> listed{fs::directory_iterator(dir), fs::directory_iterator()};
     for (int i = 0; i < 3; ++i) fs::resize_file(listed[i], c.size[i]);
     for (int i = 0; i < 3; ++i) fs::last_write_time(listed[i], second + std::chrono::milliseconds(c.ms[i]));
-    WriteFile(dir / "x.tmp", std::string(900000, 'x'));
-    fs::create_directory(dir / "y");
-    if (c.reports > 0) fs::create_symlink(dir / "nowhere", dir / "dangling.log");
-    std::string reports, gone = ": No such file or directory [" + dir / "dangling.log" + "]\n";
+    WriteFile(dir + "/x.tmp", std::string(900000, 'x'));
+    fs::create_directory(dir + "/y");
+    if (c.reports > 0) fs::create_symlink(dir + "/nowhere", dir + "/dangling.log");
+    std::string reports, gone = ": No such file or directory [" + dir + "/dangling.log" + "]\n";
     for (int i = 0; i < c.reports; ++i)
       reports += "dangling.log filesystem error: cannot get file " + std::string(i % 2 ? "time" : "size") + gone;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(EnforceLogFolderLimit(c.limit, dir.Path() + c.in), c.ok) << c.limit;
+    EXPECT_EQ(EnforceLogFolderLimit(c.limit, dir + c.in), c.ok) << c.limit;
     EXPECT_EQ(testing::internal::GetCapturedStdout(), reports) << c.limit;
     for (int i = 0; i < 3; ++i) EXPECT_EQ(fs::exists(listed[i]), c.kept[i] == '1') << c.limit << " " << i;
   }

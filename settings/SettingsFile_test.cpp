@@ -4,12 +4,12 @@
 
 #include <string>
 
-#include "TempDir.h"
+#include "PrivateHome.h"
 
 namespace {
 
 // The file Write makes of the map Read builds from inText.
-std::string Rewrite(const TempDir& inDir, const std::string& inText) {
+std::string Rewrite(const PrivateHome& inDir, const std::string& inText) {
   WriteFile(inDir / "in.cfg", inText);
   SettingsFile file;
   EXPECT_EQ(file.Read(inDir / "in.cfg"), 0);
@@ -18,7 +18,7 @@ std::string Rewrite(const TempDir& inDir, const std::string& inText) {
 }
 
 TEST(SettingsFileTest, ReadsEveryKindOfLineAndWritesTheMapBack) {
-  TempDir dir("settings");
+  PrivateHome dir;
   // Trimming and folding, comments (an indented one is a key), the "="-less
   // line, a repeated key, a blank-only line, text after "]", an unclosed
   // header, no line end at the very end; LF and CR LF read alike.
@@ -42,7 +42,7 @@ TEST(SettingsFileTest, ReadsEveryKindOfLineAndWritesTheMapBack) {
 }
 
 TEST(SettingsFileTest, SetValueStoresUntrimmedAndRefusesWhatCannotBeWritten) {
-  TempDir dir("settings");
+  PrivateHome dir;
   SettingsFile file;
   EXPECT_EQ(file.SetValue(" S ", "K", " v "), " v ");
   EXPECT_EQ(file.SetValue("System", "X", "1"), "1");
@@ -63,7 +63,7 @@ TEST(SettingsFileTest, SetValueStoresUntrimmedAndRefusesWhatCannotBeWritten) {
 }
 
 TEST(SettingsFileTest, WriterListsEntriesByPrefixOfTheSectionName) {
-  TempDir dir("settings");
+  PrivateHome dir;
   // "sys" also gathers the "system" entries, names cut at its length.
   EXPECT_EQ(Rewrite(dir, "[System]\nAlpha=1\n[sys]\nKEY=2\n"), "[sys]\nkey=2\nem/alpha=1\n[system]\nalpha=1\n");
   // "[]" comes first and lists every entry with its first character dropped.

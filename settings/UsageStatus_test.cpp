@@ -4,7 +4,7 @@
 
 #include <boost/date_time/gregorian/gregorian.hpp>
 
-#include "TempDir.h"
+#include "PrivateHome.h"
 
 TEST(UsageStatusTest, LookUpsAndServerWordsKeptInTheFile) {
   using namespace boost::gregorian;
@@ -31,7 +31,7 @@ TEST(UsageStatusTest, LookUpsAndServerWordsKeptInTheFile) {
       // The unnamed section is read but never stored; without a path there is
       // no file, every kind is Active (before "": the status file has no path).
       {"Status=Disabled\n[U]\n", "", 1, -1, 0, ""}, {"[u]\nstatus=Disabled\n", "", 0, 2, 5, ""}, {"", "", 0, 1}};
-  TempDir dir("usage");
+  PrivateHome dir;
   for (const Case& c : cases) {
     const std::string path = dir / std::to_string(&c - cases);
     if (c.before != "-") WriteFile(path, c.before);

@@ -40,12 +40,14 @@ class AgentEndToEnd : public ::testing::Test {
     fs::create_directories(mHome / "prefix/bin");
     fs::create_directories(mHome / "prefix/share/porvane");
     fs::copy_file(BuiltProgram("porvane"), mHome / "prefix/bin/porvane");
-    fs::create_directories(mLogs);
   }
   void Install(const std::string& inConfig) { WriteFile(mHome / "prefix/share/porvane/Porvane.cfg", inConfig); }
-  // A log file inAgeSeconds old.
+  // A log file inAgeSeconds old, in the default log folder unless inDir says
+  // otherwise; the folder is made when missing.
   void Log(const std::string& inName, const std::string& inContent, int inAgeSeconds = 0, std::string inDir = "") {
-    const std::string path = (inDir.empty() ? mLogs : inDir) + "/" + inName;
+    if (inDir.empty()) inDir = mLogs;
+    fs::create_directories(inDir);
+    const std::string path = inDir + "/" + inName;
     WriteFile(path, inContent);
     const utimbuf times{std::time(nullptr) - inAgeSeconds, std::time(nullptr) - inAgeSeconds};
     utime(path.c_str(), &times);
@@ -76,8 +78,7 @@ class AgentEndToEnd : public ::testing::Test {
   // The output of porvane-unlock inOption, which must exit 0.
   std::string Unlock(const std::string& inOption) {
     ChildProcess unlock({BuiltProgram("porvane-unlock"), inOption}, mHome.Environment(), mHome / "tmp/unlock");
-    EXPECT_TRUE(unlock.Wait());
-    EXPECT_EQ(unlock.ExitCode(), 0) << unlock.Stderr();
+    EXPECT_TRUE(unlock.Wait() && unlock.ExitCode() == 0) << unlock.Stderr();
     return unlock.Stdout();
   }
 
@@ -125,8 +126,6 @@ TEST_F(AgentEndToEnd, ReceiverAndFolderComeFromOptionThenEnvironmentThenInstalla
   ReceiverProcess byOption(Spool("option")), byEnv(Spool("env")), byConfig(Spool("config"));
   Install("[System]\nUploadURL=" + byConfig.Url() + "\n");
   const std::string optionDir = mHome / "byOption", envDir = mHome / "byEnv";
-  fs::create_directories(optionDir);
-  fs::create_directories(envDir);
   Log("k_1.log", "o", 0, optionDir);
   Log("k_2.log", "e", 0, envDir);
   Log("k_3.log", "d");
@@ -170,15 +169,11 @@ TEST_F(AgentEndToEnd, BrokenExchangesKeepTheFileAndOnlyTheReplyBodyCounts) {
   // Each peer, and what PORVANE_DEBUG's line for the attempt says of it.
   const std::map<std::string, std::pair<RawServer::Handler, std::string>> kPeers = {
       {"reset", {reset, "HTTP 0, error \"Recv failure: Connection reset by peer\", reply \"\"; kept, next try in 60 s"}},
-      {"close after the request",
-       {[](RawServer& inServer, int inSocket) { inServer.ReadRequest(inSocket); },
-        "HTTP 0, error \"Empty reply from server\", reply \"\"; kept, next try in 60 s"}},
       {"close after headers",
        {answer("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\n"),
         "HTTP 200, error \"transfer closed with 6 bytes remaining to read\", reply \"\"; kept, next try in 60 s"}},
       {"500, empty body", {answer(RawServer::Reply("", 500)), "HTTP 500, reply \"\"; kept, next try in 60 s"}},
       {"garbage", {answer("What?\r\n\r\n"), "HTTP 0, error \"Received HTTP/0.9 when not allowed\", reply \"\"; kept, next try in 60 s"}},
-      {"lower case", {answer(RawServer::Reply("active\r\n")), "HTTP 200, reply \"active\"; kept, next try in 60 s"}},
       {"never answers",
        {[](RawServer& inServer, int inSocket) {
           inServer.ReadRequest(inSocket);
@@ -257,18 +252,10 @@ TEST_F(AgentEndToEnd, KilledProgramsLoseNoFileAndADeadAgentsLockHealsByItself) {
   EXPECT_EQ(Unlock("--if-stale"), "");
 }
 
-TEST_F(AgentEndToEnd, AnotherUsersLockIsNeverTakenForStale) {
-  if (geteuid() != 0) GTEST_SKIP() << "only root can make a lock as another user";
-  ASSERT_EQ(RunAsUser(kNobody, [] { return sem_open("/rDYSDwOgFCbsPgPa4MYm3Q==", O_CREAT | O_EXCL, 0700, 1) == SEM_FAILED; }), 0);
-  EXPECT_EQ(Unlock("--if-stale"), "porvane-unlock: lock \"TarvoUsageTrackerFileUploadLocker\" belongs to another user; left in place\n");
-  EXPECT_TRUE(fs::exists(kLockFile));
-}
-
 TEST_F(AgentEndToEnd, TheLockAndTheTrimComeFirstAndTheTrimIsOfTheDefaultFolder) {
   ReceiverProcess receiver(Spool("r"));
   Install("[System]\nMaxTotalDirSize=2500\nUploadURL=" + receiver.Url() + "\n");
   const std::string other = mHome / "other";
-  fs::create_directories(other);
   Log("k_o.log", "elsewhere", 500, other);
   for (const auto& [name, age] : {std::pair{"k_oldest.log", 300}, {"k_older.log", 200}, {"k_new.log", 100}, {"k_newest.log", 0}})
     Log(name, std::string(1000, 'x'), age);

@@ -25,15 +25,3 @@ TEST(FolderFinder, SpecialFoldersFollowTheVariablesElseTheirDefaults) {
   EXPECT_TRUE(FindLibraryFolder(library, false) && library == h + "/.local/state") << library;
   EXPECT_NE(access((h + "/.cache").c_str(), F_OK), 0) << "looked up, not made";
 }
-
-TEST(FolderFinder, DesktopAndDocumentsComeFromUserDirs) {
-  PrivateHome home;
-  const std::string h = home / "home";
-  const std::pair<std::string, std::string> kDesktops[] = {
-      {"\"$HOME/My \\\"Desk\\\"\"", h + "/My \"Desk\""}, {"\"$HOME\"", h}, {"/srv/a\\ b/\\", "/srv/a b/\\"},
-      {"\"/\"", "/"}, {"\"$HOMEX/d\"", h + "/Desktop"}, {"\"d\"", h + "/Desktop"}};
-  for (const auto& [dir, desktop] : kDesktops) {
-    WriteFile(home / "config/user-dirs.dirs", "#XDG_DOCUMENTS_DIR=\n XDG_DESKTOP_DIR=" + dir + "\nXDG_DOCUMENTS_DIR=/");
-    EXPECT_EQ(Folders(2, 3), desktop + " / ") << dir;
-  }
-}

@@ -21,7 +21,7 @@ static std::string RootIn(const std::string& inFile) {
   return text.substr(text.find("<dict>"), text.rfind("</plist>") - text.find("<dict>"));
 }
 
-TEST(LoginWindowPList, EachPathIsListedOnceAndRemovedWithEveryCopyWhileOtherKeysStay) {
+TEST(LoginWindowPList, PathsAreListedOnceAndGoWithEveryCopyBesideOneAutostartEntryEach) {
   PrivateHome home;
   home.Set("XDG_CONFIG_HOME", home / "new/config");  // made when missing
   const std::string file = home / "new/config/loginwindow.plist";
@@ -37,6 +37,15 @@ TEST(LoginWindowPList, EachPathIsListedOnceAndRemovedWithEveryCopyWhileOtherKeys
   ASSERT_TRUE(AddLoginItem("/c") && RemoveLoginItem("/a"));
   EXPECT_EQ(RootIn(file), Root(junk + b + Item("/c"), other));
   EXPECT_TRUE(RemoveLoginItem("/b") && RemoveLoginItem("/c") && RootIn(file) == Root(junk, other));
+  // Each path also has one autostart entry, which a desktop session reads.
+  const std::string app = "/opt/My App/run$1 100%.sh", autostart = home / "new/config/autostart/";
+  ASSERT_TRUE(AddLoginItem(app) && AddLoginItem(app) && AddLoginItem("/usr/bin/plain"));
+  const std::string entry = autostart + "login-item-92a317832e1edb72dc1ca2cffa5da1b6.desktop";
+  EXPECT_EQ(ReadFile(entry), "[Desktop Entry]\nType=Application\nName=run$1 100%.sh\nExec=\"/opt/My App/run\\\\$1 100%%.sh\"\n");
+  ChildProcess validate({"/usr/bin/desktop-file-validate", entry}, {}, home / "tmp/validate");
+  EXPECT_TRUE(validate.Wait() && validate.ExitCode() == 0) << validate.Stdout();
+  ASSERT_TRUE(RemoveLoginItem(app));
+  EXPECT_EQ(Names(autostart), std::vector<std::string>{"login-item-df65cda9d616840a58a240e89b855373.desktop"});
 }
 
 TEST(LoginWindowPList, FailuresLeaveTheFileAsItWas) {
@@ -50,16 +59,4 @@ TEST(LoginWindowPList, FailuresLeaveTheFileAsItWas) {
     EXPECT_FALSE(AddLoginItem("/opt/" + bad)) << bad;
   WriteFile(file, text);  // a property list, but not a dictionary
   EXPECT_FALSE(AddLoginItem("/opt/a") || RemoveLoginItem("/opt/a") || ReadFile(file) != text);
-}
-
-TEST(LoginWindowPList, ItemsTakeEffectThroughOneAutostartEntryPerPath) {
-  PrivateHome home;
-  const std::string app = "/opt/My App/run$1 100%.sh", autostart = home / "config/autostart/";
-  ASSERT_TRUE(AddLoginItem(app) && AddLoginItem(app) && AddLoginItem("/usr/bin/plain"));
-  const std::string entry = autostart + "login-item-92a317832e1edb72dc1ca2cffa5da1b6.desktop";
-  EXPECT_EQ(ReadFile(entry), "[Desktop Entry]\nType=Application\nName=run$1 100%.sh\nExec=\"/opt/My App/run\\\\$1 100%%.sh\"\n");
-  ChildProcess validate({"/usr/bin/desktop-file-validate", entry}, {}, home / "tmp/validate");
-  EXPECT_TRUE(validate.Wait() && validate.ExitCode() == 0) << validate.Stdout();
-  ASSERT_TRUE(RemoveLoginItem(app));
-  EXPECT_EQ(Names(autostart), std::vector<std::string>{"login-item-df65cda9d616840a58a240e89b855373.desktop"});
 }

@@ -7,20 +7,6 @@
 
 using namespace FileSystemUtils;
 
-TEST(SystemUtils, LaunchApplicationRunsCommandsAndStartsProgramsWithTheExtraEnvironment) {
-  PrivateHome home;
-  WriteFile(home / "tool", "#!/bin/sh\necho ok > \"$TMPDIR/out\"\n");
-  // A path that names no file is a shell command line, run to its end; then the program is started on its own, with
-  // the extra environment, which stays set here too.
-  ASSERT_TRUE(LaunchApplication("chmod 755 " + (home / "tool"), {}));
-  EXPECT_FALSE(LaunchApplication("exit 3", {}));
-  ASSERT_TRUE(LaunchApplication(home / "tool", {{"TMPDIR", home.Root()}}));  // PrivateHome puts it back
-  std::string text;
-  EXPECT_TRUE(Eventually([&] { return ReadWholeFile(home / "out", text) == ReadStatus::kComplete && text == "ok\n"; }));
-  EXPECT_TRUE(GetEnvironmentVariable("TMPDIR", text) && text == home.Root());
-  EXPECT_TRUE(SetEnvironmentVariable("TMPDIR", "") && GetEnvironmentVariable("TMPDIR", text) && text.empty());
-}
-
 TEST(SystemUtils, ShellLaunchCommandQuotesAsItAlwaysHas) {
   // The walk stops at the path's own length: quotes that insertions pushed past it stay as they are.
   const char* const kCases[][2] = {
@@ -48,10 +34,20 @@ TEST(SystemUtils, VersionTexts) {
   EXPECT_NE(GetSystemVersionString(), "") << "the kernel release of uname";
 }
 
-TEST(SystemUtils, OpenUrlTakesTheOpenersWordAndProcessesAreFoundByTheirExecutable) {
-  PrivateHome home;  // a stand-in xdg-open: no desktop session runs here
+TEST(SystemUtils, ProgramsAreLaunchedAndOpenedAndFoundByTheirExecutable) {
+  PrivateHome home;  // and a stand-in xdg-open: no desktop session runs here
+  WriteFile(home / "tool", "#!/bin/sh\necho ok > \"$TMPDIR/out\"\n");
   WriteFile(home / "xdg-open", "#!/bin/sh\necho \"$1\" >>\"$0.log\"\nexit \"$(cat \"$0.status\")\"\n");
-  ASSERT_TRUE(LaunchApplication("chmod 755 " + (home / "xdg-open"), {}));
+  // A path that names no file is a shell command line, run to its end; then the program is started on its own, with
+  // the extra environment, which stays set here too.
+  ASSERT_TRUE(LaunchApplication("chmod 755 " + (home / "tool") + " " + (home / "xdg-open"), {}));
+  EXPECT_FALSE(LaunchApplication("exit 3", {}));
+  ASSERT_TRUE(LaunchApplication(home / "tool", {{"TMPDIR", home.Root()}}));  // PrivateHome puts it back
+  std::string text;
+  EXPECT_TRUE(Eventually([&] { return ReadWholeFile(home / "out", text) == ReadStatus::kComplete && text == "ok\n"; }));
+  EXPECT_TRUE(GetEnvironmentVariable("TMPDIR", text) && text == home.Root());
+  EXPECT_TRUE(SetEnvironmentVariable("TMPDIR", "") && GetEnvironmentVariable("TMPDIR", text) && text.empty());
+
   home.Set("PATH", home.Root() + ":/usr/bin:/bin");
   for (const char* status : {"0", "4"}) {
     WriteFile(home / "xdg-open.status", status);

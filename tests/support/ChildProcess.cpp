@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "TempDir.h"
+#include "PrivateHome.h"
 
 extern char** environ;
 
@@ -47,15 +47,6 @@ ChildProcess::ChildProcess(const std::vector<std::string>& inArgs, const Environ
   close(out);
   close(err);
   if (mPid < 0) throw std::runtime_error("fork failed");
-}
-
-ChildProcess::~ChildProcess() {
-  Signal(SIGKILL);
-  Wait();
-}
-
-void ChildProcess::Signal(int inSignal) const {
-  if (!mEnded) kill(mPid, inSignal);
 }
 
 bool ChildProcess::Wait(int inTimeoutMs) {

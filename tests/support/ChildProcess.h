@@ -4,6 +4,7 @@
 #ifndef PORVANE_TESTS_SUPPORT_CHILDPROCESS_H
 #define PORVANE_TESTS_SUPPORT_CHILDPROCESS_H
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -21,12 +22,12 @@ class ChildProcess {
   ChildProcess(const std::vector<std::string>& inArgs, const Environment& inEnvironment,
                const std::string& inCaptureStem);
   // Kills (SIGKILL) and reaps a child that is still running.
-  ~ChildProcess();
+  ~ChildProcess() { Signal(SIGKILL); Wait(); }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t Pid() const { return mPid; }
-  void Signal(int inSignal) const;
+  void Signal(int inSignal) const { if (!mEnded) kill(mPid, inSignal); }
   // Waits up to inTimeoutMs for the end. True when it ended; then ExitCode()
   // is its status, or -1 when a signal ended it.
   bool Wait(int inTimeoutMs = 60000);
@@ -55,7 +56,6 @@ class ReceiverProcess {
   std::string Url(const std::string& inPath = "/upload") const;
   // The lines after the listening line, waiting up to 10 s for inCount.
   std::vector<std::string> Lines(size_t inCount = 0) const;
-  ChildProcess& Process() { return mProcess; }
 
  private:
   ChildProcess mProcess;

@@ -5,20 +5,30 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace fs = std::filesystem;
 
 PrivateHome::PrivateHome() {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/porvane-home-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + pattern);
+  mRoot = pattern;
   const char* const kFolders[][2] = {{"HOME", "home"},          {"XDG_STATE_HOME", "state"}, {"XDG_DATA_HOME", "data"},
                                      {"XDG_CONFIG_HOME", "config"}, {"XDG_CACHE_HOME", "cache"},
                                      {"XDG_RUNTIME_DIR", "run"},   {"TMPDIR", "tmp"}};
   mEnvironment["PATH"] = "/usr/bin:/bin";
   for (const auto& [name, folder] : kFolders) {
-    std::filesystem::create_directories(mRoot / folder);
-    mEnvironment[name] = mRoot / folder;
-    Set(name, mRoot / folder);
+    fs::create_directories(*this / folder);
+    mEnvironment[name] = *this / folder;
+    Set(name, *this / folder);
   }
 }
 
@@ -30,6 +40,13 @@ PrivateHome::~PrivateHome() {
       unsetenv(name.c_str());
     }
   }
+  // Tests make items read-only on purpose; write permission back lets the
+  // whole tree go.
+  std::error_code ignored;
+  for (auto it = fs::recursive_directory_iterator(mRoot, ignored); it != fs::recursive_directory_iterator();
+       it.increment(ignored))
+    fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add | fs::perm_options::nofollow, ignored);
+  fs::remove_all(mRoot, ignored);
 }
 
 void PrivateHome::Set(const std::string& inName, const std::optional<std::string>& inValue) {
@@ -44,15 +61,14 @@ void PrivateHome::Set(const std::string& inName, const std::optional<std::string
   }
 }
 
-ChildProcess::Environment PrivateHome::Environment() const { return mEnvironment; }
-
 namespace {
 
+// One write, as an id map must be written.
 bool WriteText(const char* inPath, const std::string& inText) {
-  const int fd = open(inPath, O_WRONLY | O_CLOEXEC);
-  const bool written = fd >= 0 && write(fd, inText.data(), inText.size()) == static_cast<ssize_t>(inText.size());
-  if (fd >= 0) close(fd);
-  return written;
+  std::ofstream out(inPath);
+  out << inText;
+  out.close();
+  return !out.fail();
 }
 
 std::string Enter() {
@@ -78,4 +94,30 @@ std::string Enter() {
 std::string UsePrivateShm() {
   static const std::string kWhyNot = Enter();
   return kWhyNot;
+}
+
+void WriteFile(const std::string& inPath, const std::string& inContent) {
+  std::ofstream out(inPath, std::ios::binary | std::ios::trunc);
+  if (!out) throw std::runtime_error("cannot write " + inPath);
+  out.write(inContent.data(), static_cast<std::streamsize>(inContent.size()));
+  if (!out) throw std::runtime_error("cannot write " + inPath);
+}
+
+std::string ReadFile(const std::string& inPath) {
+  // One bulk read: a byte-wise copy takes seconds for large uploads in an
+  // unoptimised build.
+  std::ifstream in(inPath, std::ios::binary | std::ios::ate);
+  if (!in) throw std::runtime_error("cannot read " + inPath);
+  std::string content(static_cast<size_t>(in.tellg()), '\0');
+  in.seekg(0);
+  in.read(content.data(), static_cast<std::streamsize>(content.size()));
+  if (!in) throw std::runtime_error("cannot read " + inPath);
+  return content;
+}
+
+std::vector<std::string> Names(const std::string& inFolder) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(inFolder)) names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
 }

@@ -30,7 +30,7 @@ class RawServer {
   // Reads one request, headers and a Content-Length body; less when the
   // peer closes first or the server stops (then "" for a further call).
   std::string ReadRequest(int inSocket);
-  // Sends inData whole (ignoring a peer that is gone).
+  // Sends inData, a few kilobytes at most (ignoring a peer that is gone).
   static void Send(int inSocket, const std::string& inData);
   // A whole reply with status inStatus and body inBody; the connection closes.
   static std::string Reply(const std::string& inBody, int inStatus = 200);
