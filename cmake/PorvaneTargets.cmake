@@ -7,7 +7,8 @@
 #   pv_support  -> system libraries only
 # A component sees its own folder and the public folders of what it links,
 # never the whole tree, so an include across layers that is not declared
-# here fails to compile.
+# here fails to compile; an include that climbs out of its folder ("../")
+# fails the build too, before anything of the component compiles.
 
 # porvane_component(NAME SOURCES ... [INCLUDE dirs] [PRIVATE_INCLUDE dirs]
 #                   [DEPENDS libs...] [PRIVATE_DEPENDS libs...])
@@ -22,6 +23,10 @@ function(porvane_component name)
   add_library(${name} STATIC ${ARG_SOURCES})
   target_include_directories(${name} PUBLIC ${ARG_INCLUDE} PRIVATE ${ARG_PRIVATE_INCLUDE})
   target_link_libraries(${name} PUBLIC ${ARG_DEPENDS} PRIVATE ${ARG_PRIVATE_DEPENDS})
+  add_custom_target(${name}_includes
+    COMMAND sh ${PROJECT_SOURCE_DIR}/cmake/check_includes.sh ${CMAKE_CURRENT_SOURCE_DIR} ${ARG_INCLUDE}
+    VERBATIM)
+  add_dependencies(${name} ${name}_includes)
 endfunction()
 
 # porvane_test(NAME SOURCES ... [LINK libs...] [LABELS ...])
