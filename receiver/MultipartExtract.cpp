@@ -85,9 +85,10 @@ const Parameter* FindParameter(const std::vector<Parameter>& inParameters, std::
 // and CR LF (a part follows).
 struct Delimiter {
   size_t start = std::string_view::npos;  // index of its "--"; npos: none found
-  size_t end = 0;                         // index just past the line
+  // Index just past the line; the body's size when the body ends after the
+  // boundary (and blanks): no part can follow then.
+  size_t end = 0;
   bool closing = false;
-  bool cutOff = false;  // the body ends right after the boundary
 };
 
 // Whether a delimiter starts at inPos of inBody; fills outDelimiter if so.
@@ -95,7 +96,7 @@ bool ReadDelimiterAt(std::string_view inBody, std::string_view inDashBoundary, s
                      Delimiter& outDelimiter) {
   if (!StartsWith(inBody, inPos, inDashBoundary)) return false;
   size_t after = inPos + inDashBoundary.size();
-  outDelimiter = Delimiter{inPos, after, false, false};
+  outDelimiter = Delimiter{inPos, after, false};
   if (StartsWith(inBody, after, "--")) {
     outDelimiter.closing = true;
     outDelimiter.end = after + 2;
@@ -103,7 +104,6 @@ bool ReadDelimiterAt(std::string_view inBody, std::string_view inDashBoundary, s
   }
   size_t lineEnd = inBody.find_first_not_of(kBlanks, after);
   if (lineEnd == std::string_view::npos) {
-    outDelimiter.cutOff = true;
     outDelimiter.end = inBody.size();
     return true;
   }
@@ -188,7 +188,7 @@ std::string ExtractLogFile(std::string_view inContentType, std::string_view inBo
   bool found = false;
   bool foundHasFileName = false;
   while (!delimiter.closing) {
-    if (delimiter.cutOff || delimiter.end == inBody.size()) return multipart_error::kNoClosingDelimiter;
+    if (delimiter.end == inBody.size()) return multipart_error::kNoClosingDelimiter;
     size_t headerStart = delimiter.end;
     size_t contentStart = headerStart + kCrLf.size();  // a part without header lines
     if (!StartsWith(inBody, headerStart, kCrLf)) {
