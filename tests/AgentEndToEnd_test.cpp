@@ -149,7 +149,8 @@ TEST_F(AgentEndToEnd, ReceiverAndFolderComeFromOptionThenEnvironmentThenInstalla
   ExpectWaitingThenStop(*agent);
   // Only http(s) delivers: a file that says "Delete" is no receiver.
   WriteFile(mHome / "reply.txt", "Delete");
-  agent = Start({"-receiverURL=file://" + (mHome / "reply.txt")});
+  agent = Start({"-receiverURL=file://" + (mHome / "reply.txt")}, {{"PORVANE_DEBUG", "1"}});
+  ASSERT_TRUE(Eventually([&] { return agent->Stderr().find("; kept, next try in 60 s") != std::string::npos; }));
   ExpectWaitingThenStop(*agent);
   EXPECT_EQ(Names(mLogs), Strings{"k_4.log"});
 }
