@@ -150,7 +150,8 @@ TEST_F(AgentEndToEnd, ReceiverAndFolderComeFromOptionThenEnvironmentThenInstalla
   // Only http(s) delivers: a file that says "Delete" is no receiver.
   WriteFile(mHome / "reply.txt", "Delete");
   agent = Start({"-receiverURL=file://" + (mHome / "reply.txt")}, {{"PORVANE_DEBUG", "1"}});
-  ASSERT_TRUE(Eventually([&] { return agent->Stderr().find("; kept, next try in 60 s") != std::string::npos; }));
+  const std::string refused = ": HTTP 0, error \"not a usable http or https URL\", reply \"\"; kept, next try in 60 s";
+  ASSERT_TRUE(Eventually([&] { return agent->Stderr().find(refused) != std::string::npos; })) << agent->Stderr();
   ExpectWaitingThenStop(*agent);
   EXPECT_EQ(Names(mLogs), Strings{"k_4.log"});
 }
