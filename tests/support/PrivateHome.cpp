@@ -1,6 +1,5 @@
 #include "PrivateHome.h"
 
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>

@@ -14,10 +14,10 @@
 
 class PrivateHome {
  public:
-  // Makes a folder under $TMPDIR (else /tmp) and in it home, state, data,
-  // config, cache, run and tmp, and sets
-  // HOME, XDG_STATE_HOME, XDG_DATA_HOME, XDG_CONFIG_HOME, XDG_CACHE_HOME,
-  // XDG_RUNTIME_DIR and TMPDIR to them in this process.
+  // Makes a folder under $TMPDIR (else /tmp) with home, state, data, config,
+  // cache, run and tmp in it, and sets HOME, XDG_STATE_HOME, XDG_DATA_HOME,
+  // XDG_CONFIG_HOME, XDG_CACHE_HOME, XDG_RUNTIME_DIR and TMPDIR to them in
+  // this process.
   PrivateHome();
   // Puts back every variable this object changed and removes the folder,
   // read-only parts included.
