@@ -74,7 +74,6 @@ class AgentEndToEnd : public ::testing::Test {
     EXPECT_EQ(ioAgent.ExitCode(), 1);
     EXPECT_FALSE(fs::exists(kLockFile));
   }
-  std::string Spool(const std::string& inName) { return mHome / ("spool-" + inName); }
   // The output of porvane-unlock inOption, which must exit 0.
   std::string Unlock(const std::string& inOption) {
     ChildProcess unlock({BuiltProgram("porvane-unlock"), inOption}, mHome.Environment(), mHome / "tmp/unlock");
@@ -96,7 +95,7 @@ std::string DateInDays(int inDays) {
 
 TEST_F(AgentEndToEnd, EachReplyWordDecidesTheFileAndTheKindsNextFiles) {
   WriteFile(mHome / "policy.cfg", "[Policy]\nu2=Delete\nu3=Hibernate 3\nu4=Disabled\n*=Active\n");
-  ReceiverProcess receiver(Spool("r"), {"--policy", mHome / "policy.cfg"});
+  ReceiverProcess receiver(mHome / "spool-r", {"--policy", mHome / "policy.cfg"});
   Install("[System]\nUploadURL=" + receiver.Url() + "\n");
   for (const char* name : {"u1_a.log", "u2_b.log", "u3_c.log", "u4_d.log", "nokind.log", "u5_e.log.tmp"})
     Log(name, std::string("content of ") + name);
@@ -104,8 +103,8 @@ TEST_F(AgentEndToEnd, EachReplyWordDecidesTheFileAndTheKindsNextFiles) {
 
   EXPECT_EQ(Run({}), 0);
   EXPECT_EQ(Names(mLogs), (Strings{"sub", "u5_e.log.tmp"}));
-  EXPECT_EQ(Names(Spool("r")), (Strings{"nokind.log", "u1_a.log", "u2_b.log", "u3_c.log", "u4_d.log"}));
-  EXPECT_EQ(ReadFile(Spool("r") + "/u3_c.log"), "content of u3_c.log");
+  EXPECT_EQ(Names(mHome / "spool-r"), (Strings{"nokind.log", "u1_a.log", "u2_b.log", "u3_c.log", "u4_d.log"}));
+  EXPECT_EQ(ReadFile(mHome / "spool-r/u3_c.log"), "content of u3_c.log");
   EXPECT_EQ(ReadFile(mHome.UserSettings()), "[u1]\nstatus=Active\n[u2]\nstatus=Active\n[u3]\nhibernatewakedate=" +
                                                 DateInDays(3) + "\nstatus=Hibernate\n[u4]\nstatus=Disabled\n");
   EXPECT_FALSE(fs::exists(kLockFile));
@@ -123,7 +122,7 @@ TEST_F(AgentEndToEnd, EachReplyWordDecidesTheFileAndTheKindsNextFiles) {
 }
 
 TEST_F(AgentEndToEnd, ReceiverAndFolderComeFromOptionThenEnvironmentThenInstallation) {
-  ReceiverProcess byOption(Spool("option")), byEnv(Spool("env")), byConfig(Spool("config"));
+  ReceiverProcess byOption(mHome / "spool-option"), byEnv(mHome / "spool-env"), byConfig(mHome / "spool-config");
   Install("[System]\nUploadURL=" + byConfig.Url() + "\n");
   const std::string optionDir = mHome / "byOption", envDir = mHome / "byEnv";
   Log("k_1.log", "o", 0, optionDir);
@@ -225,7 +224,7 @@ TEST_F(AgentEndToEnd, KilledProgramsLoseNoFileAndADeadAgentsLockHealsByItself) {
   // The agent dies mid-upload. Its lock stays and stops a plain pass; the
   // shipped unit's commands, in order, clear it (while the agent lived,
   // --if-stale left it) and deliver the rest.
-  ReceiverProcess receiver(Spool("r"), {"--delay-ms", "30"});
+  ReceiverProcess receiver(mHome / "spool-r", {"--delay-ms", "30"});
   auto agent = Start({"-receiverURL=" + receiver.Url()});
   ASSERT_TRUE(Eventually([&] { return receiver.Lines().size() >= 5; }));
   EXPECT_EQ(Unlock("--if-stale"), "porvane-unlock: lock \"TarvoUsageTrackerFileUploadLocker\" is held by process " +
@@ -255,7 +254,7 @@ TEST_F(AgentEndToEnd, KilledProgramsLoseNoFileAndADeadAgentsLockHealsByItself) {
 }
 
 TEST_F(AgentEndToEnd, TheLockAndTheTrimComeFirstAndTheTrimIsOfTheDefaultFolder) {
-  ReceiverProcess receiver(Spool("r"));
+  ReceiverProcess receiver(mHome / "spool-r");
   Install("[System]\nMaxTotalDirSize=2500\nUploadURL=" + receiver.Url() + "\n");
   const std::string other = mHome / "other";
   Log("k_o.log", "elsewhere", 500, other);
@@ -275,7 +274,7 @@ TEST_F(AgentEndToEnd, TheLockAndTheTrimComeFirstAndTheTrimIsOfTheDefaultFolder) 
 }
 
 TEST_F(AgentEndToEnd, NothingToRunWithEndsWithOneAndABadArgumentWithTwo) {
-  ReceiverProcess receiver(Spool("r"));
+  ReceiverProcess receiver(mHome / "spool-r");
   Install("[System]\nMaxTotalDirSize=0\nUploadURL=" + receiver.Url() + "\n");
   Log("k_1.log", "stays");
   for (const std::string bad : {"-logDir=/tmp/logs/", "-logDir=", "noLock", "-a=b c", "---noLock"}) {

@@ -64,14 +64,13 @@ bool ChildProcess::Wait(int inTimeoutMs) {
 std::string ChildProcess::Stdout() const { return ReadFile(mStem + ".out"); }
 std::string ChildProcess::Stderr() const { return ReadFile(mStem + ".err"); }
 
+static std::vector<std::string> Joined(std::vector<std::string> inFirst, const std::vector<std::string>& inRest) {
+  inFirst.insert(inFirst.end(), inRest.begin(), inRest.end());
+  return inFirst;
+}
+
 ReceiverProcess::ReceiverProcess(const std::string& inSpool, const std::vector<std::string>& inExtraArgs)
-    : mProcess(
-          [&] {
-            std::vector<std::string> args = {BuiltProgram("porvane-receiver"), "--port", "0", "--spool", inSpool};
-            args.insert(args.end(), inExtraArgs.begin(), inExtraArgs.end());
-            return args;
-          }(),
-          {}, inSpool) {
+    : mProcess(Joined({BuiltProgram("porvane-receiver"), "--port", "0", "--spool", inSpool}, inExtraArgs), {}, inSpool) {
   const std::string kListening = "porvane-receiver: listening on 127.0.0.1:";
   Eventually([&] {
     const std::string out = mProcess.Stdout();
