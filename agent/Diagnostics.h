@@ -17,8 +17,6 @@ class Diagnostics {
   static Diagnostics FromEnvironment();
   explicit Diagnostics(bool inEnabled) : mEnabled(inEnabled) {}
 
-  bool Enabled() const { return mEnabled; }
-
   // Writes "porvane: " + inLine + "\n" to standard error, in one write, when
   // enabled; nothing otherwise.
   void Say(const std::string& inLine) const;

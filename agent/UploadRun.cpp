@@ -158,7 +158,8 @@ int UploadWithRetry(StopFlag* inStop, const RunSettings& inRun, const std::strin
       return result;
     }
     const int seconds = delay / 1000;
-    inRun.diagnostics.Say(inFilePath + " " + note + "; kept, next try in " + std::to_string(seconds > 0 ? seconds : 0) + " s");
+    inRun.diagnostics.Say(inFilePath + " " + note + "; kept, next try in " +
+                          std::to_string(seconds > 0 ? seconds : 0) + " s");
     WaitSeconds(*inStop, seconds);
     delay = NextRetryDelay(delay);
   }

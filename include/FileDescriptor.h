@@ -1,6 +1,11 @@
-// FileDescriptor: the one owner of a file descriptor.
+// FileDescriptor: the one owner of a file descriptor; DirectoryStream: the
+// one owner of a directory stream.
 #ifndef PORVANE_INCLUDE_FILEDESCRIPTOR_H
 #define PORVANE_INCLUDE_FILEDESCRIPTOR_H
+
+#include <dirent.h>
+
+#include <memory>
 
 // Owns one descriptor (or none, -1) and closes it when it goes away. Movable,
 // not copyable: exactly one object closes a descriptor.
@@ -27,5 +32,12 @@ class FileDescriptor {
  private:
   int mFd;
 };
+
+// Owns a directory stream, and with it the descriptor under it (fdopendir
+// takes that over), and closes both when it goes away.
+struct DirectoryStreamClose {
+  void operator()(DIR* inDir) const noexcept { ::closedir(inDir); }
+};
+using DirectoryStream = std::unique_ptr<DIR, DirectoryStreamClose>;
 
 #endif  // PORVANE_INCLUDE_FILEDESCRIPTOR_H

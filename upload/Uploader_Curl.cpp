@@ -108,20 +108,21 @@ bool Uploader_Curl::UploadFile(const std::string& inFilePath, const std::string&
   const CURLcode result = curl_easy_perform(m_easy->Get());
   curl_easy_getinfo(m_easy->Get(), CURLINFO_RESPONSE_CODE, &report.httpStatus);
   if (result != CURLE_OK) report.error = m_errorText[0] != '\0' ? m_errorText : curl_easy_strerror(result);
-  m_inProgress = false;
-  m_finished = true;
-  Close();
-  Report(report);
+  EndExchange(report);
   return true;
 }
 
 bool Uploader_Curl::FailSetUp(ExchangeReport& ioReport, const char* inWhy) {
-  Close();
+  ioReport.error = inWhy;
+  EndExchange(ioReport);
+  return false;
+}
+
+void Uploader_Curl::EndExchange(const ExchangeReport& inReport) {
   m_inProgress = false;
   m_finished = true;
-  ioReport.error = inWhy;
-  Report(ioReport);
-  return false;
+  Close();
+  Report(inReport);
 }
 
 bool Uploader_Curl::OpenTransfer(const std::string& inUrl, const std::string& inBody, uint32_t inBodyLength,

@@ -66,6 +66,8 @@ class Uploader_Curl final : public Uploader {
   // Marks the object finished after a failed set-up, reports inWhy, and
   // returns false.
   bool FailSetUp(ExchangeReport& ioReport, const char* inWhy);
+  // Marks the object finished, closes it and hands inReport to the observer.
+  void EndExchange(const ExchangeReport& inReport);
 
   static size_t ReceiveReply(char* inData, size_t inSize, size_t inCount, void* inUploader);
   static int ReportProgress(void* inUploader, curl_off_t, curl_off_t, curl_off_t, curl_off_t);

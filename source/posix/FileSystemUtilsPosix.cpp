@@ -17,21 +17,6 @@ namespace FileSystemUtils {
 
 namespace {
 
-// Owns a directory stream (and the descriptor under it, once handed over).
-class ScopedDir {
- public:
-  explicit ScopedDir(DIR* inDir) : mDir(inDir) {}
-  ~ScopedDir() {
-    if (mDir != nullptr) ::closedir(mDir);
-  }
-  ScopedDir(const ScopedDir&) = delete;
-  ScopedDir& operator=(const ScopedDir&) = delete;
-  DIR* Get() const { return mDir; }
-
- private:
-  DIR* mDir;
-};
-
 bool RemoveEntry(int inParentFd, const char* inName);
 
 // The names in inDir, "." and ".." left out. Taking the whole list before
@@ -54,13 +39,13 @@ bool RemoveFolder(int inParentFd, const char* inName, mode_t inMode) {
   if ((inMode & S_IRWXU) != S_IRWXU) ::fchmodat(inParentFd, inName, (inMode & 07777) | S_IRWXU, 0);
   FileDescriptor folderFd(::openat(inParentFd, inName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!folderFd.IsOpen()) return false;
-  ScopedDir folder(::fdopendir(folderFd.Get()));
-  if (folder.Get() == nullptr) return false;
+  DirectoryStream folder(::fdopendir(folderFd.Get()));
+  if (!folder) return false;
   folderFd.Release();  // the folder stream owns it now
   std::vector<std::string> names;
-  if (!ListFolder(folder.Get(), names)) return false;
+  if (!ListFolder(folder.get(), names)) return false;
   for (const std::string& name : names) {
-    if (!RemoveEntry(::dirfd(folder.Get()), name.c_str())) return false;
+    if (!RemoveEntry(::dirfd(folder.get()), name.c_str())) return false;
   }
   return ::unlinkat(inParentFd, inName, AT_REMOVEDIR) == 0;
 }

@@ -6,15 +6,11 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 
+#include "FileDescriptor.h"
 #include "FileSystemUtils.h"
 
 namespace {
-
-struct DirClose {
-  void operator()(DIR* inDir) const { closedir(inDir); }
-};
 
 // A /proc entry name that is a process id, else 0.
 pid_t ProcessId(const char* inName) {
@@ -26,7 +22,7 @@ pid_t ProcessId(const char* inName) {
 }  // namespace
 
 bool ForEachProcess(const std::function<bool(pid_t)>& inVisit) {
-  std::unique_ptr<DIR, DirClose> proc(opendir("/proc"));
+  const DirectoryStream proc(opendir("/proc"));
   if (!proc) return false;
   while (const dirent* entry = readdir(proc.get())) {
     const pid_t pid = ProcessId(entry->d_name);
