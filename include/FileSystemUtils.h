@@ -8,7 +8,11 @@
 #ifndef PORVANE_INCLUDE_FILESYSTEMUTILS_H
 #define PORVANE_INCLUDE_FILESYSTEMUTILS_H
 
+#include <sys/stat.h>
+
 #include <string>
+
+#include "FileDescriptor.h"
 
 namespace FileSystemUtils {
 
@@ -54,6 +58,14 @@ enum class ReadStatus {
   kCannotOpen,  // nothing there, no permission, or not a regular file
   kReadError,   // opened, but a read failed: outContent holds what came before
 };
+
+// Opens the regular file at inPath (or what a link there points to) for
+// reading, and fills outInfo with the fstat of that descriptor, taken before
+// anything is read: the file's identity and length as opened. Returns a
+// closed descriptor, with errno set, when nothing is there, it may not be
+// read, or it is not a regular file (EINVAL for a folder, device, pipe or
+// socket; ELOOP for a looping link). Never blocks on a pipe.
+FileDescriptor OpenRegularFile(const std::string& inPath, struct stat& outInfo);
 
 // Reads the regular file at inPath (or what a link there points to) whole
 // into outContent, which is replaced. Folders, devices, pipes and sockets

@@ -5,14 +5,13 @@
 #include <locale>
 #include <sstream>
 
-#include "FileSystemUtils.h"
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "Uploader.h"
 
 namespace {
-
-std::string FileNameOf(const std::string& inFilePath) {
-  const size_t slash = inFilePath.rfind('/');
-  return slash == std::string::npos ? inFilePath : inFilePath.substr(slash + 1);
-}
 
 std::string MakeBoundary() {
   std::srand(static_cast<unsigned>(std::time(nullptr)));
@@ -28,15 +27,22 @@ std::string MakeBoundary() {
 
 }  // namespace
 
-MultipartBody BuildMultipartBody(const std::string& inFilePath, uint32_t& ioBodyLength, std::string& ioBoundary) {
-  std::string content;
-  if (FileSystemUtils::ReadWholeFile(inFilePath, content) == FileSystemUtils::ReadStatus::kCannotOpen) return nullptr;
+MultipartBody BuildMultipartBody(const UploadSource& inSource, uint32_t& ioBodyLength, std::string& ioBoundary) {
+  if (inSource.fd < 0) return nullptr;
+  std::string content(inSource.length, '\0');
+  size_t done = 0;
+  while (done < content.size()) {
+    const ssize_t count = ::pread(inSource.fd, &content[done], content.size() - done, static_cast<off_t>(done));
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return nullptr;
+    done += static_cast<size_t>(count);
+  }
   const std::string boundary = MakeBoundary();
   std::string body;
-  body.reserve(content.size() + 2 * boundary.size() + inFilePath.size() + 128);
+  body.reserve(content.size() + 2 * boundary.size() + inSource.fileName.size() + 128);
   body.append("--").append(boundary).append("\r\n");
   body.append("Content-Disposition: form-data; name=\"logfile\"; filename=\"")
-      .append(FileNameOf(inFilePath))
+      .append(inSource.fileName)
       .append("\"\r\n");
   body.append("Content-Type: application/octet-stream\r\n\r\n");
   body.append(content);

@@ -22,17 +22,17 @@
 // An owned, immutable request body; null when none could be built.
 using MultipartBody = std::unique_ptr<const std::string>;
 
-// Reads the file at inFilePath whole and returns its body with a fresh
+struct UploadSource;
+
+// Reads inSource.length bytes of inSource from offset 0 and returns its body with a fresh
 // boundary: the C library's generator seeded with the time in whole seconds
 // (srand(time(NULL))), then decimal rand() values appended until the text is
 // longer than 15 characters, so 16 to 25 digits; two bodies built in the
 // same second share a boundary. On success ioBodyLength becomes the body's
 // length and ioBoundary the boundary.
 // Returns null, leaving both untouched and the generator unused, when the
-// file cannot be opened for reading (missing, no permission, not a regular
-// file). A read error after the open is not reported: the bytes read until
-// then are the content.
-MultipartBody BuildMultipartBody(const std::string& inFilePath, uint32_t& ioBodyLength, std::string& ioBoundary);
+// source holds no descriptor or fewer bytes than its length can be read.
+MultipartBody BuildMultipartBody(const UploadSource& inSource, uint32_t& ioBodyLength, std::string& ioBoundary);
 
 // inValue in decimal: no sign, fill or separators, whatever the locale. The
 // value of the "Content-Length" header.

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "FileSystemUtils.h"
+
 namespace {
 
 // The reply array starts at this size; it is also the largest chunk the
@@ -36,6 +38,17 @@ bool Uploader::Reset() {
   m_finished = false;
   m_inProgress = false;
   return true;
+}
+
+bool Uploader::UploadFile(const std::string& inFilePath, const std::string& inUrl) {
+  struct stat info;
+  const FileDescriptor file = FileSystemUtils::OpenRegularFile(inFilePath, info);
+  UploadSource source{-1, 0, FileSystemUtils::GetLeafName(inFilePath)};
+  if (file.IsOpen()) {
+    source.fd = file.Get();
+    source.length = static_cast<uint64_t>(info.st_size);
+  }
+  return UploadFile(source, inUrl);
 }
 
 const char* Uploader::GetReply() const {

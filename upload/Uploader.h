@@ -15,6 +15,15 @@
 
 #include "ExchangeReport.h"
 
+// A log file opened for one upload. The run opens it (OpenRegularFile) and
+// keeps it open; the uploader only reads it, by position from offset 0, and
+// never closes it.
+struct UploadSource {
+  int fd = -1;           // open for reading
+  uint64_t length = 0;   // bytes to send: the size the fstat at the open saw
+  std::string fileName;  // the name given to the receiver
+};
+
 class Uploader {
  public:
   Uploader();
@@ -25,12 +34,19 @@ class Uploader {
   virtual void Close() = 0;
   virtual ~Uploader();
 
-  // Posts the file at inFilePath to inUrl as a multipart body and blocks until
-  // the exchange ends. True when the request was sent and the exchange ran to
-  // its end (an error and a normal end alike, whatever the HTTP status); false
-  // when it could not be set up (empty or bad URL, unreadable file). On return
-  // IsFinished() is true in both cases.
-  virtual bool UploadFile(const std::string& inFilePath, const std::string& inUrl) = 0;
+  // Posts inSource.length bytes of inSource as a multipart body to inUrl and
+  // blocks until the exchange ends. True when the request was sent and the
+  // exchange ran to its end (an error and a normal end alike, whatever the
+  // HTTP status); false when it could not be set up (empty or bad URL). On
+  // return IsFinished() is true in both cases. When the file holds fewer
+  // bytes than inSource.length by the time they are read, the exchange ends
+  // early and the report says so (ExchangeReport::fileShrank).
+  virtual bool UploadFile(const UploadSource& inSource, const std::string& inUrl) = 0;
+
+  // The same for the file at inFilePath, opened here; its name is the text
+  // after the path's last "/". False, with the report's error "cannot read
+  // the log file", when it cannot be opened as a regular file.
+  bool UploadFile(const std::string& inFilePath, const std::string& inUrl);
 
   // Closes a transfer in progress, drops the reply and returns to idle. True.
   bool Reset();

@@ -86,7 +86,7 @@ void Uploader_Curl::Close() {
   m_headers.reset();
 }
 
-bool Uploader_Curl::UploadFile(const std::string& inFilePath, const std::string& inUrl) {
+bool Uploader_Curl::UploadFile(const UploadSource& inSource, const std::string& inUrl) {
   // A finished object is not reset: one object serves one file.
   if (m_inProgress) Reset();
   m_inProgress = true;
@@ -99,8 +99,12 @@ bool Uploader_Curl::UploadFile(const std::string& inFilePath, const std::string&
   report.url = WithoutCredentials(*url);
   uint32_t bodyLength = 0;
   std::string boundary;
-  MultipartBody body = BuildMultipartBody(inFilePath, bodyLength, boundary);
-  if (!body) return FailSetUp(report, "cannot read the log file");
+  if (inSource.fd < 0) return FailSetUp(report, "cannot read the log file");
+  MultipartBody body = BuildMultipartBody(inSource, bodyLength, boundary);
+  if (!body) {
+    report.fileShrank = true;
+    return FailSetUp(report, "the log file shrank while it was read");
+  }
   if (!OpenTransfer(*url, *body, bodyLength, boundary)) return FailSetUp(report, "cannot set up the transfer");
 
   // An error and a normal end are alike: the caller judges the reply text

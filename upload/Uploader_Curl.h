@@ -46,7 +46,8 @@ class Uploader_Curl final : public Uploader {
   // nothing is sent, the object is closed and marked finished, and the
   // result is false. Either way the observer, if any, then hears the URL
   // (without credentials), the HTTP status and libcurl's error text.
-  bool UploadFile(const std::string& inFilePath, const std::string& inUrl) override;
+  bool UploadFile(const UploadSource& inSource, const std::string& inUrl) override;
+  using Uploader::UploadFile;
 
  private:
   // The URL text handed to libcurl for inText, or nothing when inText is empty,

@@ -137,13 +137,24 @@ bool CreateDirectoryChain(const std::string& sDir) {
   return true;
 }
 
-ReadStatus ReadWholeFile(const std::string& inPath, std::string& outContent) {
-  outContent.clear();
+FileDescriptor OpenRegularFile(const std::string& inPath, struct stat& outInfo) {
   // O_NONBLOCK: opening a pipe must not wait for a writer; the type check
   // below turns it away anyway. Regular files ignore the flag.
   FileDescriptor file(::open(inPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  if (!file.IsOpen()) return file;
+  if (::fstat(file.Get(), &outInfo) != 0) return FileDescriptor();
+  if (!S_ISREG(outInfo.st_mode)) {
+    file.Close();
+    errno = EINVAL;
+  }
+  return file;
+}
+
+ReadStatus ReadWholeFile(const std::string& inPath, std::string& outContent) {
+  outContent.clear();
   struct stat info;
-  if (!file.IsOpen() || ::fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return ReadStatus::kCannotOpen;
+  FileDescriptor file = OpenRegularFile(inPath, info);
+  if (!file.IsOpen()) return ReadStatus::kCannotOpen;
   if (info.st_size > 0) outContent.reserve(static_cast<size_t>(info.st_size));
   char block[65536];
   for (;;) {
