@@ -1,6 +1,6 @@
 #include "AgentMain.h"
 
-#include <csignal>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,7 +11,7 @@
 #include "Locations.h"
 #include "LogFolderLimit.h"
 #include "ResourceLocker.h"
-#include "TerminateSignal.h"
+#include "StopFlag.h"
 #include "UploadRun.h"
 #include "UsageStatus.h"
 
@@ -63,7 +63,8 @@ class PassLocations {
 
 // Resolves the log folder and the receiver and runs the upload. The receiver
 // option is consulted only when a log folder was found.
-int ResolveAndUpload(const CommandLineOptions& inOptions, PassLocations& ioWhere, const Diagnostics& inSay) {
+int ResolveAndUpload(const CommandLineOptions& inOptions, PassLocations& ioWhere, const Diagnostics& inSay,
+                     const StopFlag& inStop) {
   std::string logFolder, receiverUrl;
   bool haveLogFolder = false;
   if (inOptions.HasOption("logDir")) {
@@ -94,25 +95,49 @@ int ResolveAndUpload(const CommandLineOptions& inOptions, PassLocations& ioWhere
     return 1;
   }
   inSay.Say("log folder " + logFolder);
-  const UsageStatusFile status(ioWhere.SettingsFile());
-  return UploadLogFolder(RunSettings{status, receiverUrl, inSay}, logFolder) == 0 ? 0 : 1;
+  UsageStatusFile status(ioWhere.SettingsFile());
+  return UploadLogFolder(RunSettings{status, receiverUrl, inSay, inStop}, logFolder) == 0 ? 0 : 1;
+}
+
+// Trims the default log folder; without an installation there is no
+// ceiling and nothing is trimmed.
+void TrimDefaultFolder(PassLocations& ioWhere, const Diagnostics& inSay, const StopFlag& inStop) {
+  if (ioWhere.InstallStatus() != kLocationOk) {
+    inSay.Say("trim skipped: installation not found");
+    return;
+  }
+  const std::string logFolder = ioWhere.UserStatus() == kLocationOk ? ioWhere.DefaultLogFolder() : std::string();
+  const std::string& limit = ioWhere.Install().maxTotalDirSize;
+  TrimControl control;
+  control.stop = &inStop.stopRequested;
+  control.removed = [&](const std::string& inPath) { inSay.Say("trim removed " + inPath); };
+  const bool fits = EnforceLogFolderLimit(std::atof(limit.c_str()), logFolder, control);
+  inSay.Say("trim of " + (logFolder.empty() ? "(no default log folder)" : logFolder) + " to " + limit + " bytes: " +
+            (fits ? "within the limit" : "over the limit"));
 }
 
 }  // namespace
 
 int RunAgent(int argc, char** argv) {
-  // From here on SIGTERM never ends the process by itself: it only asks the
-  // upload in progress to stop.
-  std::signal(SIGTERM, OnTerminateSignal);
+  // From here on SIGTERM, SIGINT and SIGHUP never end the process by
+  // themselves: they ask the pass to stop (StopFlag.h).
+  StopFlag stop;
+  StopPublisher publisher(stop);
+  InstallStopHandlers();
 
   auto options = std::make_shared<CommandLineOptions>(argc, argv);
   const Diagnostics say = Diagnostics::FromEnvironment();
   const bool noLock = options->HasOption("noLock");
   qvd::ResourceLocker locker(kAgentLockName, kAgentLockTimeoutMs);
+  locker.SetStopFlag(&stop.stopRequested);
 
   if (noLock) {
     say.Say("lock not used (noLock)");
   } else if (!locker.lock()) {
+    if (stop.stopRequested.load()) {
+      say.Say("stopped while waiting for the lock; pass ended with status 1");
+      return 1;
+    }
     say.Say("lock held by another agent; pass ended with status 1 (porvane-unlock --if-stale clears a dead one's)");
     return 1;  // not taken: nothing to release
   } else {
@@ -120,18 +145,14 @@ int RunAgent(int argc, char** argv) {
   }
 
   PassLocations where;
-  // The trim always works on the default log folder; without an
-  // installation it has no ceiling and does nothing.
-  if (where.InstallStatus() == kLocationOk) {
-    const std::string logFolder = where.UserStatus() == kLocationOk ? where.DefaultLogFolder() : std::string();
-    const std::string& limit = where.Install().maxTotalDirSize;
-    const bool fits = EnforceLogFolderLimit(limit, logFolder);
-    say.Say("trim of " + (logFolder.empty() ? "(no default log folder)" : logFolder) + " to " + limit + " bytes: " +
-            (fits ? "within the limit" : "a file could not be removed"));
+  // The trim always works on the default log folder, whatever "logDir" says.
+  TrimDefaultFolder(where, say, stop);
+  int exitStatus = 1;
+  if (stop.stopRequested.load()) {
+    say.Say("stopped during the trim");
   } else {
-    say.Say("trim skipped: installation not found");
+    exitStatus = ResolveAndUpload(*options, where, say, stop);
   }
-  const int exitStatus = ResolveAndUpload(*options, where, say);
 
   if (!noLock) locker.unlock(false);
   say.Say("pass ended with status " + std::to_string(exitStatus));

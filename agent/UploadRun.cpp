@@ -1,28 +1,29 @@
 #include "UploadRun.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
-#include <filesystem>
-#include <memory>
+#include <cstring>
+#include <set>
 
 #include "Diagnostics.h"
+#include "FileSystemUtils.h"
 #include "LogFolderScan.h"
 #include "ReceiverReply.h"
-#include "StopFlag.h"
 #include "Uploader.h"
 #include "UsageStatus.h"
 
-namespace fs = std::filesystem;
-
 namespace {
 
-// Results of one attempt, and of the retries of one file.
-constexpr int UploadDone = 0;         // "Active" or "Delete": file removed
-constexpr int UploadFailed = 1;       // no answer, another word, or an unknown stored status: file kept
-constexpr int UploadHibernating = 2;  // stored or newly stored Hibernate: file removed
-constexpr int UploadDisabled = 3;     // stored or newly stored Disabled: file removed
-constexpr int StatusNotSaved = 4;     // new status could not be stored: file removed
+// What handling one file came to, for the walk.
+enum class Outcome {
+  kRemoved,     // accepted and removed, or removed unsent by its kind's status
+  kPassedOver,  // kept for the next run; the walk goes on without it
+  kNotRemoved,  // accepted or unwanted, but could not be removed: passed over, and the run returns 1
+  kKept,        // kept after a failed attempt that a stop request ended, or an unknown stored status
+};
 
 // What the walk hands to UploadWithRetry for each file.
 constexpr int kUploadAttempts = 10;
@@ -32,17 +33,11 @@ constexpr int kFirstRetryDelayMs = 60000;
 // which a delivered signal cuts short.
 const unsigned kFinishWaitSeconds = 1000;
 
-// Results after which the walk goes on to the next file.
-bool WalkGoesOn(int inResult) {
-  return inResult == UploadDone || inResult == UploadHibernating || inResult == UploadDisabled;
-}
+bool Stopped(const RunSettings& inRun) { return inRun.stop.stopRequested.load(); }
 
-// The kind of log: the file name up to its first "_"; "" without a "/" in
-// the path or a "_" in the name.
+// The kind of log: the file name up to its first "_"; "" without a "_".
 std::string SectionOf(const std::string& inFilePath) {
-  const std::string::size_type slash = inFilePath.rfind('/');
-  if (slash == std::string::npos) return std::string();
-  const std::string sName = inFilePath.substr(slash + 1);
+  const std::string sName = FileSystemUtils::GetLeafName(inFilePath);
   const std::string::size_type underscore = sName.find('_');
   if (underscore == std::string::npos) return std::string();
   return sName.substr(0, underscore);
@@ -53,31 +48,36 @@ std::string SectionOf(const std::string& inFilePath) {
 // (two's complement), as the shift it replaces.
 int32_t NextRetryDelay(int32_t inDelayMs) { return static_cast<int32_t>(static_cast<uint32_t>(inDelayMs) * 2u); }
 
-// Sleeps inSeconds one second at a time, leaving as soon as inStop is set.
-void WaitSeconds(const StopFlag& inStop, int inSeconds) {
-  for (int i = 0; i < inSeconds; ++i) {
-    // A signal may cut the second short; the flag decides whether to go on.
-    sleep(1);
-    if (inStop.stopRequested.load()) return;
+// True when inPath still names the file that was opened as inOpened, with
+// nothing written to it or changed about it since.
+bool StillTheOpenedFile(const std::string& inPath, const struct stat& inOpened) {
+  struct stat now;
+  if (::stat(inPath.c_str(), &now) != 0) return false;
+  return now.st_dev == inOpened.st_dev && now.st_ino == inOpened.st_ino && now.st_size == inOpened.st_size &&
+         now.st_mtim.tv_sec == inOpened.st_mtim.tv_sec && now.st_mtim.tv_nsec == inOpened.st_mtim.tv_nsec &&
+         now.st_ctim.tv_sec == inOpened.st_ctim.tv_sec && now.st_ctim.tv_nsec == inOpened.st_ctim.tv_nsec;
+}
+
+// Removes a file the run is done with; never says "removed" when it was not.
+Outcome Remove(const RunSettings& inRun, const std::string& inFilePath, const std::string& inNote) {
+  errno = 0;
+  if (FileSystemUtils::RemovePath(inFilePath)) {
+    inRun.diagnostics.Say(inFilePath + " " + inNote + "; removed");
+    return Outcome::kRemoved;
   }
+  // RemovePath refuses a read-only file by its mode bits, without an errno.
+  const std::string why = errno != 0 ? std::strerror(errno) : "read-only";
+  inRun.diagnostics.Say(inFilePath + " " + inNote + "; could not be removed (" + why + "), kept until the next run");
+  return Outcome::kNotRemoved;
 }
 
 // A stored status other than Active: the file goes unsent, or stays when the
 // status is not one the agent knows.
-int HandleStoredStatus(const StopFlag& inStop, const std::string& inFilePath, unsigned inStatus,
-                       std::string& outNote) {
-  if (inStatus == kUsageHibernate) {
-    outNote = "its kind hibernates, not sent";
-    inStop.RemoveFile(inFilePath);
-    return UploadHibernating;
-  }
-  if (inStatus == kUsageDisabled) {
-    outNote = "its kind is disabled, not sent";
-    inStop.RemoveFile(inFilePath);
-    return UploadDisabled;
-  }
-  outNote = "stored status " + std::to_string(inStatus) + " unknown, not sent";
-  return UploadFailed;
+Outcome HandleStoredStatus(const RunSettings& inRun, const std::string& inFilePath, unsigned inStatus) {
+  if (inStatus == kUsageHibernate) return Remove(inRun, inFilePath, "its kind hibernates, not sent");
+  if (inStatus == kUsageDisabled) return Remove(inRun, inFilePath, "its kind is disabled, not sent");
+  inRun.diagnostics.Say(inFilePath + " stored status " + std::to_string(inStatus) + " unknown, not sent; kept");
+  return Outcome::kKept;
 }
 
 // Keeps the transport's account of the exchange for the attempt's line.
@@ -93,120 +93,130 @@ std::string DescribeExchange(const ExchangeReport& inReport, const std::string& 
   return text + ", reply \"" + inWord + "\"";
 }
 
-// Acts on the receiver's reply; removes the file for every understood word.
-int HandleReply(const StopFlag& inStop, const UsageStatusFile& inStatus, const std::string& inSection,
-                const std::string& inFilePath, const ReceiverReply& reply) {
-  int result = UploadFailed;
-  switch (reply.word) {
-    case ReplyWord::kDisabled:
-      result = inStatus.SetUsageStatus(inSection.c_str(), kUsageDisabled, 0) == 0 ? UploadDisabled : StatusNotSaved;
-      break;
-    case ReplyWord::kHibernate:
-      result = inStatus.SetUsageStatus(inSection.c_str(), kUsageHibernate, reply.days) == 0 ? UploadHibernating
-                                                                                            : StatusNotSaved;
-      break;
-    case ReplyWord::kAccept:
-      result = UploadDone;
-      break;
-    case ReplyWord::kUnknown:
-      return UploadFailed;
-  }
-  inStop.RemoveFile(inFilePath);
-  return result;
-}
-
-// One attempt for inFilePath; outNote says what happened, for diagnostics.
-int UploadOneFile(StopFlag* inStop, const UsageStatusFile& inStatus, const std::string& inReceiverUrl,
-                  const std::string& inFilePath, std::string& outNote) {
+// An accepted reply: stores the status it asks for, then removes the file
+// if it is still the one that was sent.
+Outcome Accept(const RunSettings& inRun, const std::string& inFilePath, const struct stat& inOpened,
+               const ReceiverReply& inReply, const std::string& inNote) {
   const std::string sSection = SectionOf(inFilePath);
-  // GetUsageStatus writes the status only on some paths; Active otherwise.
-  unsigned status = kUsageActive;
-  inStatus.GetUsageStatus(sSection.c_str(), status);
-  if (status != kUsageActive) return HandleStoredStatus(*inStop, inFilePath, status, outNote);
-
-  std::unique_ptr<Uploader> uploader(CreateUploader());
-  // A SIGTERM during the transfer ends it promptly instead of after it.
-  uploader->SetStopFlag(&inStop->stopRequested);
-  ExchangeNote exchange;
-  uploader->SetObserver(&exchange);
-  uploader->UploadFile(inFilePath, inReceiverUrl);
-  // UploadFile blocks until the exchange ends; this serves uploaders that
-  // return earlier.
-  while (!uploader->IsFinished()) {
-    sleep(kFinishWaitSeconds);
-    if (inStop->stopRequested.load()) break;
+  if (inReply.word == ReplyWord::kDisabled) inRun.status.SetUsageStatus(sSection.c_str(), kUsageDisabled, 0);
+  if (inReply.word == ReplyWord::kHibernate) inRun.status.SetUsageStatus(sSection.c_str(), kUsageHibernate, inReply.days);
+  if (!StillTheOpenedFile(inFilePath, inOpened)) {
+    inRun.diagnostics.Say(inFilePath + " " + inNote + "; changed while it was sent, kept for the next run");
+    return Outcome::kPassedOver;
   }
-  const char* text = uploader->GetReply();
-  const ReceiverReply reply = InterpretReply(text != nullptr ? text : "");
-  outNote = DescribeExchange(exchange.report, reply.text);
-  return HandleReply(*inStop, inStatus, sSection, inFilePath, reply);
+  return Remove(inRun, inFilePath, inNote);
 }
 
-// Attempts inFilePath until an attempt gives 0, 2 or 3, or inStop is set.
-// inAttempts < 1 returns 1 without an attempt; otherwise it bounds nothing:
-// a failing file is retried until an answer is understood or SIGTERM comes.
-int UploadWithRetry(StopFlag* inStop, const RunSettings& inRun, const std::string& inFilePath, int inAttempts,
-                    int inInitialDelayMs) {
-  if (inAttempts < 1) return UploadFailed;
-  int result = UploadFailed;
+// Posts the open file until a reply is understood or a stop request comes.
+// inAttempts < 1 gives up without an attempt; otherwise it bounds nothing:
+// a failing file is retried until a reply is understood or the run stops.
+Outcome UploadWithRetry(const RunSettings& inRun, const std::string& inFilePath, const UploadSource& inSource,
+                        const struct stat& inOpened, int inAttempts, int inInitialDelayMs) {
+  if (inAttempts < 1) return Outcome::kKept;
   int32_t delay = inInitialDelayMs;
-  while (!inStop->stopRequested.load()) {
-    std::string note;
-    result = UploadOneFile(inStop, inRun.status, inRun.receiverUrl, inFilePath, note);
-    if (WalkGoesOn(result) || inStop->stopRequested.load()) {
-      inRun.diagnostics.Say(inFilePath + " " + note + (WalkGoesOn(result) ? "; removed" : "; kept, stopped"));
-      return result;
+  while (!Stopped(inRun)) {
+    std::unique_ptr<Uploader> uploader = inRun.makeUploader();
+    // A stop request during the transfer ends it within about a second.
+    uploader->SetStopFlag(&inRun.stop.stopRequested);
+    ExchangeNote exchange;
+    uploader->SetObserver(&exchange);
+    uploader->UploadFile(inSource, inRun.receiverUrl);
+    // UploadFile blocks until the exchange ends; this serves uploaders that
+    // return earlier.
+    while (!uploader->IsFinished()) {
+      sleep(kFinishWaitSeconds);
+      if (Stopped(inRun)) break;
+    }
+    const char* text = uploader->GetReply();
+    const ReceiverReply reply = InterpretReply(text != nullptr ? text : "");
+    const std::string note = DescribeExchange(exchange.report, reply.text);
+    if (exchange.report.fileShrank) {
+      inRun.diagnostics.Say(inFilePath + " " + note + "; shrank while it was sent, kept for the next run");
+      return Outcome::kPassedOver;
+    }
+    if (reply.word != ReplyWord::kUnknown) return Accept(inRun, inFilePath, inOpened, reply, note);
+    if (Stopped(inRun)) {
+      inRun.diagnostics.Say(inFilePath + " " + note + "; kept, stopped");
+      return Outcome::kKept;
     }
     const int seconds = delay / 1000;
-    inRun.diagnostics.Say(inFilePath + " " + note + "; kept, next try in " +
-                          std::to_string(seconds > 0 ? seconds : 0) + " s");
-    WaitSeconds(*inStop, seconds);
+    inRun.diagnostics.Say(inFilePath + " " + note + "; kept, next try in " + std::to_string(seconds > 0 ? seconds : 0) +
+                          " s");
+    inRun.wait(seconds, inRun.stop);
     delay = NextRetryDelay(delay);
   }
   inRun.diagnostics.Say(inFilePath + " kept, stopped while waiting");
-  return result;
+  return Outcome::kKept;
 }
 
-// Publishes a file's stop flag to the SIGTERM handler for as long as the
-// file is handled, and withdraws it on every way out, exceptions included,
-// so the handler never stores through a flag that is gone.
-class ActiveFile {
- public:
-  explicit ActiveFile(StopFlag* inFlag) { activeStopFlag.store(inFlag); }
-  ~ActiveFile() { activeStopFlag.store(nullptr); }
-  ActiveFile(const ActiveFile&) = delete;
-  ActiveFile& operator=(const ActiveFile&) = delete;
-};
+// Handles one finished entry the walk has found.
+Outcome HandleFile(const RunSettings& inRun, const std::string& inFilePath) {
+  const std::string sSection = SectionOf(inFilePath);
+  // GetUsageStatus writes the status only on some paths; Active otherwise.
+  unsigned status = kUsageActive;
+  inRun.status.GetUsageStatus(sSection.c_str(), status);
+  // A kind that is not wanted goes whatever the entry is.
+  if (status != kUsageActive) return HandleStoredStatus(inRun, inFilePath, status);
 
-// Handles a file the walk has found. Returns the file's result, or -1 when
-// another file is still being handled.
-int HandleFile(const RunSettings& inRun, const std::string& inFilePath) {
-  // Never holds in one run; guards the handler's single pointer.
-  if (activeStopFlag.load() != nullptr) return -1;
-  StopFlag flag;
-  ActiveFile active(&flag);
-  return UploadWithRetry(&flag, inRun, inFilePath, kUploadAttempts, kFirstRetryDelayMs);
+  struct stat opened;
+  const FileDescriptor file = FileSystemUtils::OpenRegularFile(inFilePath, opened);
+  if (!file.IsOpen()) {
+    const std::string why = errno == EINVAL ? "not a regular file" : std::strerror(errno);
+    inRun.diagnostics.Say(inFilePath + " cannot be sent (" + why + "), passed over");
+    return Outcome::kPassedOver;
+  }
+  const UploadSource source{file.Get(), static_cast<uint64_t>(opened.st_size), FileSystemUtils::GetLeafName(inFilePath)};
+  return UploadWithRetry(inRun, inFilePath, source, opened, kUploadAttempts, kFirstRetryDelayMs);
 }
 
 }  // namespace
 
-int UploadLogFolder(const RunSettings& inRun, const std::string& inLogFolder) {
-  const fs::path folder(inLogFolder);
-  if (!fs::exists(folder) || !fs::is_directory(folder)) return UploadFailed;
+std::unique_ptr<Uploader> RunSettings::MakeCurlUploader() { return std::unique_ptr<Uploader>(CreateUploader()); }
 
+void RunSettings::SleepUnlessStopped(int inSeconds, const StopFlag& inStop) {
+  for (int i = 0; i < inSeconds && !inStop.stopRequested.load(); ++i) {
+    // A signal may cut the second short; the flag decides whether to go on.
+    sleep(1);
+  }
+}
+
+int UploadLogFolder(const RunSettings& inRun, const std::string& inLogFolder) {
+  std::set<EntryId> passedOver;
+  bool removalFailed = false;
   // The folder is walked again after every walk that handled a file, so
   // files that came in meanwhile are sent too; the run ends after a walk
-  // that was itself a repeat and handled none. (Nothing listed at all ends
-  // it the same way.)
-  bool repeat = false;
-  for (;;) {
+  // that was itself a repeat and handled none.
+  for (bool repeat = false;; repeat = true) {
     bool handled = false;
-    const bool completed = ScanLogFolder(inLogFolder, [&](const fs::directory_entry& inEntry) {
-      handled = true;
-      return WalkGoesOn(HandleFile(inRun, inEntry.path().native()));
-    });
-    if (!completed) return UploadFailed;
-    if (repeat && !handled) return UploadDone;
-    repeat = true;
+    int error = 0;
+    const ScanEnd end = ScanLogFolder(
+        inLogFolder,
+        [&](const LogFolderEntry& inEntry) {
+          if (Stopped(inRun)) return false;
+          if (passedOver.count(inEntry.id) != 0) return true;
+          switch (HandleFile(inRun, inEntry.path)) {
+            case Outcome::kRemoved:
+              handled = true;
+              return true;
+            case Outcome::kNotRemoved:
+              removalFailed = true;
+              passedOver.insert(inEntry.id);
+              return true;
+            case Outcome::kPassedOver:
+              passedOver.insert(inEntry.id);
+              return true;
+            case Outcome::kKept:
+              return false;
+          }
+          return false;
+        },
+        &error);
+    if (end == ScanEnd::kCannotList) {
+      inRun.diagnostics.Say("log folder " + inLogFolder + " cannot be listed (" + std::strerror(error) + ")");
+      return 1;
+    }
+    if (end == ScanEnd::kStopped) return 1;
+    if (repeat && !handled) return removalFailed ? 1 : 0;
+    if (Stopped(inRun)) return 1;
   }
 }

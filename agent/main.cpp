@@ -2,7 +2,9 @@
 //
 // Exit status: 0 when the upload run completed, 1 otherwise, 2 for a rejected
 // argument (reported on one line of standard error before any lock is taken).
-// Any other exception ends the process abnormally.
+// Any other exception is reported on one line and gives 1, once the stack
+// has unwound and with it the lock been released; only a failed assertion
+// (a programming error) ends the process abnormally.
 #include <cstdio>
 #include <stdexcept>
 
@@ -14,5 +16,8 @@ int main(int argc, char** argv) {
   } catch (const std::invalid_argument& rejected) {
     std::fprintf(stderr, "porvane: invalid argument: %s\n", rejected.what());
     return 2;
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "porvane: %s\n", failure.what());
+    return 1;
   }
 }

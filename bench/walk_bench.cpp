@@ -31,10 +31,11 @@ int main(int argc, char** argv) {
 
   ReceiverProcess receiver(home / "spool");
   const auto start = std::chrono::steady_clock::now();
-  const UsageStatusFile status(home / "UserSettings.cfg");
+  UsageStatusFile status(home / "UserSettings.cfg");
   const std::string receiverUrl = receiver.Url();
   const Diagnostics quiet(false);
-  const int result = UploadLogFolder(RunSettings{status, receiverUrl, quiet}, sLogs);
+  const StopFlag stop;
+  const int result = UploadLogFolder(RunSettings{status, receiverUrl, quiet, stop}, sLogs);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   const size_t received = receiver.Lines(static_cast<size_t>(files)).size();

@@ -2,6 +2,7 @@
 #ifndef PORVANE_LOCK_RESOURCELOCKER_H
 #define PORVANE_LOCK_RESOURCELOCKER_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -47,6 +48,11 @@ class ResourceLocker : public LockPolicyInterface {
 
   // True while this object holds the lock. Makes no system call.
   bool isLocked() const override;
+
+  // Hands the object a stop flag (may be null): a wait in lock() gives up,
+  // the lock not taken, within a millisecond of the flag becoming true.
+  // REQUIRES: the flag outlives the object.
+  void SetStopFlag(const std::atomic<bool>* inStop);
 
   class ResourceLockerPlat;
 

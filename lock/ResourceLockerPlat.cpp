@@ -32,7 +32,7 @@ bool ResourceLocker::ResourceLockerPlat::lock() {
     // The sleep follows every failed attempt, so even a time-out of 0 sleeps
     // once. A signal may cut it short (EINTR); the clock still decides.
     usleep(1000);
-    if (!(Microseconds() < deadline)) return false;
+    if (!(Microseconds() < deadline) || (mStop != nullptr && mStop->load())) return false;
   }
 }
 

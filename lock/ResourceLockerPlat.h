@@ -5,6 +5,7 @@
 
 #include <semaphore.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -30,12 +31,14 @@ class ResourceLocker::ResourceLockerPlat {
   bool lock();
   bool unlock(bool inForce);
   bool isLocked() const { return mSemaphore != SEM_FAILED; }
+  void SetStopFlag(const std::atomic<bool>* inStop) { mStop = inStop; }
 
  private:
   GlobalORUSysAccessor& mSysAccessor;
   sem_t* mSemaphore;
   std::string mName;  // as given, not hashed
   uint32_t mTimeoutMs;
+  const std::atomic<bool>* mStop = nullptr;
 };
 
 }  // namespace qvd

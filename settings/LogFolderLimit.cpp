@@ -1,202 +1,102 @@
 #include "LogFolderLimit.h"
 
+#include <unistd.h>
+
 #include <algorithm>
-#include <chrono>
+#include <cerrno>
 #include <cstdint>
-#include <cstdlib>
-#include <exception>
-#include <filesystem>
+#include <cstring>
 #include <iostream>
-#include <string>
-#include <system_error>
 #include <vector>
 
+#include "FileSystemUtils.h"
+#include "FolderWatch.h"
 #include "LogFolderScan.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
-// One unreadable entry does not spoil the listing: it is reported and skipped.
-void ReportEntryFailure(const fs::directory_entry& inEntry, const std::exception& inError) {
-  std::cout << inEntry.path().filename().native() << " " << inError.what() << "\n" << std::flush;
-}
-
-void ReportScanFailure(const std::exception& inError) { std::cout << inError.what() << "\n" << std::flush; }
-
-bool IsFolder(const std::string& inFolder) {
-  std::error_code ignored;
-  return !inFolder.empty() && fs::is_directory(inFolder, ignored);
-}
-
-// Whole seconds, as the modification time of a file is usually told.
-int64_t WriteTimeSeconds(const fs::path& inPath) {
-  return std::chrono::floor<std::chrono::seconds>(fs::last_write_time(inPath).time_since_epoch()).count();
-}
-
-// True when the file was removed; a file already gone, an empty path or any
-// error gives false, without a message.
-bool RemoveSilently(const std::string& inPath) {
-  try {
-    return fs::remove(fs::path(inPath));
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
-// The total size in bytes of the finished files; 0 when inFolder is not a
-// folder; -1 when the listing fails.
-double GetLogFolderSize(const std::string& inFolder) {
-  if (!IsFolder(inFolder)) return 0;
-  double total = 0;
-  try {
-    ScanLogFolder(
-        inFolder,
-        [&](const fs::directory_entry& inEntry) {
-          total += static_cast<double>(fs::file_size(inEntry.path()));
-          return true;
-        },
-        ReportEntryFailure);
-  } catch (const std::exception& error) {
-    ReportScanFailure(error);
-    return -1;
-  }
-  return total;
-}
-
-// Removes the oldest finished file; true when one was removed.
-bool DeleteOldestLogFile(const std::string& inFolder) {
-  std::string sCandidate;
-  int64_t candidateTime = 0;
-  bool found = false;
-  if (IsFolder(inFolder)) {
-    try {
-      ScanLogFolder(
-          inFolder,
-          [&](const fs::directory_entry& inEntry) {
-            const int64_t writeTime = WriteTimeSeconds(inEntry.path());
-            // Strictly older only: among equally old files the first met
-            // stays the choice.
-            if (!found || writeTime < candidateTime) {
-              sCandidate = inEntry.path().native();
-              candidateTime = writeTime;
-              found = true;
-            }
-            return true;
-          },
-          ReportEntryFailure);
-    } catch (const std::exception& error) {
-      // A listing cut short still removes the oldest file seen so far.
-      ReportScanFailure(error);
-    }
-  }
-  return RemoveSilently(sCandidate);
-}
-
-// A finished file as one listing saw it.
+// A file as one listing saw it.
 struct LogFile {
-  std::string sPath;
+  std::string path;
   double size;
-  int64_t writeTime;
+  int64_t writeTime;  // whole seconds, as a modification time is usually told
 };
 
-// Reads every finished file of the folder once, in listing order, with the
-// same calls as GetLogFolderSize and DeleteOldestLogFile. Writes nothing:
-// false as soon as anything would have been reported (an entry or the
-// listing failing) or the folder is not one, and the caller then leaves the
-// work to those two functions.
-bool ScanSilently(const std::string& inFolder, std::vector<LogFile>& outFiles, double& outTotal) {
-  if (!IsFolder(inFolder)) return false;
+// Every countable file of the folder, in listing order, and their total.
+// False when the folder cannot be listed (reported).
+bool ListCountable(const std::string& inFolder, std::vector<LogFile>& outFiles, double& outTotal) {
+  outFiles.clear();
   outTotal = 0;
-  try {
-    ScanLogFolder(inFolder, [&](const fs::directory_entry& inEntry) {
-      const fs::path& path = inEntry.path();
-      const double size = static_cast<double>(fs::file_size(path));
-      outFiles.push_back(LogFile{path.native(), size, WriteTimeSeconds(path)});
-      // Summed in listing order, as GetLogFolderSize sums.
-      outTotal += size;
-      return true;
-    });
-  } catch (const std::exception&) {
-    return false;
-  }
-  return true;
+  int error = 0;
+  const ScanEnd end = ScanLogFolder(
+      inFolder,
+      [&](const LogFolderEntry& inEntry) {
+        if (inEntry.statError != 0) {
+          std::cout << FileSystemUtils::GetLeafName(inEntry.path) << " " << std::strerror(inEntry.statError) << "\n"
+                    << std::flush;
+        } else if (S_ISREG(inEntry.info.st_mode)) {
+          const double size = static_cast<double>(inEntry.info.st_size);
+          outFiles.push_back(LogFile{inEntry.path, size, static_cast<int64_t>(inEntry.info.st_mtim.tv_sec)});
+          outTotal += size;
+        }
+        return true;
+      },
+      &error);
+  if (end == ScanEnd::kListed) return true;
+  // No folder there holds nothing, and is no error.
+  if (error != ENOENT && error != ENOTDIR) std::cout << inFolder << ": " << std::strerror(error) << "\n" << std::flush;
+  return false;
 }
 
-// One file at a time, measuring the whole folder before every deletion.
-bool TrimOneByOne(double inLimit, const std::string& inFolder) {
-  for (;;) {
-    const double total = GetLogFolderSize(inFolder);
-    // Not "total <= limit": an unordered comparison (a NaN limit) ends the
-    // loop as well, and so does the -1 of a failed listing.
-    if (!(total > inLimit)) return true;
-    if (!DeleteOldestLogFile(inFolder)) return false;
-  }
-}
-// How the removal of a file that a listing showed went.
-enum class Removal { kRemoved, kGone, kFailed };
+enum class Pass { kFits, kMeasureAgain, kCannotDelete, kStopped };
 
-Removal RemoveListed(const std::string& inPath) {
-  std::error_code error;
-  if (fs::remove(fs::path(inPath), error)) return Removal::kRemoved;
-  return error ? Removal::kFailed : Removal::kGone;
-}
-
-// Deletes oldest first from one listing, until the sizes it removed bring
-// the listed total to the limit. True when it removed what it set out to
-// (the caller then measures again), false when a removal failed or there was
-// nothing left to remove. A file that had gone by its turn ends it early.
-//
-// This is the one-by-one loop worked out from a single listing. Each of that
-// loop's listings would differ from this one only by what others changed
-// meanwhile: removing an entry does not reorder the rest of a listing, so
-// without outside changes it would list these files minus those deleted, in
-// the same order, with the same sizes and times; its choice, the oldest in
-// whole seconds and the first listed among equals, is the front of this list
-// sorted stably by seconds, and its measure the first total minus the sizes
-// deleted (whole numbers, so the doubles stay exact). Outside changes are
-// met as the loop would meet them at some moment of its run: a file that is
-// gone at its turn is one the loop's next listing would not have shown, so
-// the work goes back to measuring; files that arrive are counted by the
-// listing that must confirm the end. A file that is there but cannot be
-// removed ends the trim with false at once, as in the loop.
-bool TrimFromOneListing(std::vector<LogFile>& ioFiles, double inTotal, double inLimit) {
+// Deletes from one listing, oldest first, while the total is over the
+// limit and the folder is known not to have changed since it was listed.
+Pass DeleteFromListing(std::vector<LogFile>& ioFiles, double inTotal, double inLimit, FolderWatch& ioWatch,
+                       const TrimControl& inControl) {
   std::stable_sort(ioFiles.begin(), ioFiles.end(),
                    [](const LogFile& inA, const LogFile& inB) { return inA.writeTime < inB.writeTime; });
   double total = inTotal;
-  bool removedAny = false;
+  bool deleted = false;
   for (const LogFile& file : ioFiles) {
-    if (!(total > inLimit)) break;
-    switch (RemoveListed(file.sPath)) {
-      case Removal::kFailed:
-        return false;
-      case Removal::kGone:
-        return true;
-      case Removal::kRemoved:
-        removedAny = true;
-        total -= file.size;
-        break;
-    }
+    // Not "total <= limit": an unordered comparison (a NaN limit) fits too.
+    if (!(total > inLimit)) return Pass::kFits;
+    // The first deletion follows the measure, as in the loop; each further
+    // one only while the listing still holds.
+    if (deleted && ioWatch.Stale()) return Pass::kMeasureAgain;
+    if (::unlink(file.path.c_str()) != 0) return errno == ENOENT ? Pass::kMeasureAgain : Pass::kCannotDelete;
+    ioWatch.RemovedByUs(FileSystemUtils::GetLeafName(file.path));
+    deleted = true;
+    total -= file.size;
+    if (inControl.removed) inControl.removed(file.path);
+    if (inControl.stop != nullptr && inControl.stop->load()) return total > inLimit ? Pass::kStopped : Pass::kFits;
   }
-  // Over the limit with nothing listed to remove (a negative limit): the loop
-  // would find no file to delete.
-  return removedAny;
+  if (!(total > inLimit)) return Pass::kFits;
+  // Still over with nothing left: something may have arrived meanwhile.
+  return deleted && ioWatch.Stale() ? Pass::kMeasureAgain : Pass::kCannotDelete;
 }
 
 }  // namespace
 
-bool EnforceLogFolderLimit(const std::string& inMaxTotalDirSize, const std::string& inLogFolder) {
-  const double limit = std::atof(inMaxTotalDirSize.c_str());
+bool EnforceLogFolderLimit(double inLimit, const std::string& inLogFolder, const TrimControl& inControl) {
+  if (inLogFolder.empty()) return true;
+  FolderWatch watch(inLogFolder, ".tmp");
+  std::vector<LogFile> files;
   for (;;) {
-    std::vector<LogFile> files;
+    watch.StartListing();
     double total = 0;
-    // Anything the quiet listing could not read must be reported once per
-    // listing, as the one-by-one loop does; that loop then does the work.
-    if (!ScanSilently(inLogFolder, files, total)) return TrimOneByOne(limit, inLogFolder);
-    // Not "total <= limit": an unordered comparison ends the trim too.
-    if (!(total > limit)) return true;
-    if (!TrimFromOneListing(files, total, limit)) return false;
-    // Measure again: after a file that had gone, and to confirm the end
-    // against what arrived meanwhile.
+    if (!ListCountable(inLogFolder, files, total)) {
+      // A missing folder, or a path that names no folder, holds nothing.
+      return true;
+    }
+    switch (DeleteFromListing(files, total, inLimit, watch, inControl)) {
+      case Pass::kFits:
+        return true;
+      case Pass::kMeasureAgain:
+        break;
+      case Pass::kCannotDelete:
+      case Pass::kStopped:
+        return false;
+    }
   }
 }

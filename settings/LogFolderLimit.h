@@ -1,33 +1,43 @@
 // Keeps the log folder under the size ceiling of the installation
-// ("MaxTotalDirSize" in section "System", bytes, default "500000") by
-// deleting its oldest files.
+// ("MaxTotalDirSize" in section "System", bytes) by deleting its oldest
+// files.
 //
-// Only finished log files (LogFolderScan.h) are counted and deleted.
-// Diagnostics go to standard output in two forms:
-//   "<leaf name> <what()>\n"  an entry that could not be read (skipped);
-//   "<what()>\n"              the folder listing itself failed.
+// Only regular files (links followed) among the finished entries
+// (LogFolderScan.h) are counted and deleted, readable or not; pipes,
+// sockets, devices and dangling links are neither. Diagnostics go to
+// standard output in two forms:
+//   "<leaf name> <reason>\n"  an entry that could not be examined (skipped);
+//   "<reason>\n"              the folder could not be listed.
 #ifndef PORVANE_SETTINGS_LOGFOLDERLIMIT_H
 #define PORVANE_SETTINGS_LOGFOLDERLIMIT_H
 
+#include <atomic>
+#include <functional>
 #include <string>
 
-// Deletes the oldest finished file of inLogFolder, one at a time, while the
-// total size is greater than atof(inMaxTotalDirSize) (so a text that is no
-// number gives 0 and every file goes). The oldest is the earliest
-// modification time in whole seconds; among equally old files the one the
-// listing gives first. An inLogFolder that is empty or not a folder counts
-// as size 0.
-// True when the folder ends at or below the ceiling (also when the sizes
-// cannot be compared, e.g. after a failed listing, which measures -1);
-// false when a deletion did not happen.
-// The result is the measure-and-delete loop's (measure, delete the oldest,
-// measure again), worked out from as few listings as it takes: one to
-// measure and order the files, one more to confirm the end after deleting.
-// A file that has gone by its turn (another process removed it) means
-// measuring again; files that arrive meanwhile are counted by the confirming
-// listing. When a listing meets an entry it cannot measure or date, or fails,
-// the loop itself does the work, measuring before every deletion, so every
-// listing reports what it could not read.
-bool EnforceLogFolderLimit(const std::string& inMaxTotalDirSize, const std::string& inLogFolder);
+// What a caller may add to a trim.
+struct TrimControl {
+  // When set and true after a deletion, the trim ends there.
+  const std::atomic<bool>* stop = nullptr;
+  // Told the path of every file the trim removed, right after the removal.
+  std::function<void(const std::string&)> removed;
+};
+
+// Leaves inLogFolder as the measure-and-delete loop would: measure the
+// total, and while it is greater than inLimit delete the oldest file (the
+// earliest modification time in whole seconds; among equally old files the
+// one the listing gives first) and measure again.
+//
+// It lists once and deletes from that listing, oldest first, as long as the
+// folder is known not to have changed meanwhile (FolderWatch: its own
+// deletions do not count); a change, or a file gone by its turn, means
+// measuring again. Where changes cannot be told it measures again after
+// every deletion.
+//
+// True when the folder ends at or below the ceiling, also when it is empty,
+// not a folder, or cannot be listed (reported); false when a file could not
+// be deleted or nothing is left to delete while still over (a negative
+// limit), or when inControl.stop ended it while still over.
+bool EnforceLogFolderLimit(double inLimit, const std::string& inLogFolder, const TrimControl& inControl = {});
 
 #endif  // PORVANE_SETTINGS_LOGFOLDERLIMIT_H
