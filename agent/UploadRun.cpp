@@ -139,9 +139,8 @@ Outcome UploadWithRetry(const RunSettings& inRun, const std::string& inFilePath,
       inRun.diagnostics.Say(inFilePath + " " + note + "; kept, stopped");
       return Outcome::kKept;
     }
-    const int seconds = delay / 1000;
-    inRun.diagnostics.Say(inFilePath + " " + note + "; kept, next try in " + std::to_string(seconds > 0 ? seconds : 0) +
-                          " s");
+    const int seconds = delay > 0 ? delay / 1000 : 0;
+    inRun.diagnostics.Say(inFilePath + " " + note + "; kept, next try in " + std::to_string(seconds) + " s");
     inRun.wait(seconds, inRun.stop);
     delay = NextRetryDelay(delay);
   }

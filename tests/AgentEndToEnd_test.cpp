@@ -65,11 +65,12 @@ class AgentEndToEnd : public ::testing::Test {
     return agent->ExitCode();
   }
   // A file kept for a retry: the agent waits 60 s, so the test ends the wait
-  // with SIGTERM, which ends the pass with status 1 and the file kept.
-  void ExpectWaitingThenStop(ChildProcess& ioAgent) {
+  // with inSignal (SIGTERM, SIGINT and SIGHUP alike), which ends the pass
+  // with status 1, the file kept and the lock released.
+  void ExpectWaitingThenStop(ChildProcess& ioAgent, int inSignal = SIGTERM) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_TRUE(ioAgent.Running()) << "the agent should wait to retry";
-    ioAgent.Signal(SIGTERM);
+    ioAgent.Signal(inSignal);
     ASSERT_TRUE(ioAgent.Wait(10000)) << "SIGTERM did not end the pass";
     EXPECT_EQ(ioAgent.ExitCode(), 1);
     EXPECT_FALSE(fs::exists(kLockFile));
@@ -185,6 +186,7 @@ TEST_F(AgentEndToEnd, BrokenExchangesKeepTheFileAndOnlyTheReplyBodyCounts) {
                          "HTTP 301, reply \"\"; kept, next try in 60 s"}},
       {"500 saying Active", {answer(RawServer::Reply("Active", 500)), "HTTP 500, reply \"Active\"; removed"}},
   };
+  int stops = 0;
   for (const auto& [name, peer] : kPeers) {
     SCOPED_TRACE(name);
     RawServer server(peer.first);
@@ -200,7 +202,7 @@ TEST_F(AgentEndToEnd, BrokenExchangesKeepTheFileAndOnlyTheReplyBodyCounts) {
                                      " to 500000 bytes: within the limit\nporvane: log folder " + mLogs + "\n" +
                                      attempt + "porvane: pass ended with status 0\n");
     } else {
-      ExpectWaitingThenStop(*agent);
+      ExpectWaitingThenStop(*agent, std::vector<int>{SIGTERM, SIGINT, SIGHUP}[stops++ % 3]);
       EXPECT_EQ(server.Requests().size(), 1u) << "retried too early";
       EXPECT_EQ(Names(mLogs), Strings{"k_1.log"});
       EXPECT_NE(agent->Stderr().find(attempt), std::string::npos) << agent->Stderr();
@@ -266,6 +268,22 @@ TEST_F(AgentEndToEnd, TheLockAndTheTrimComeFirstAndTheTrimIsOfTheDefaultFolder) 
   ASSERT_NE(held, SEM_FAILED);
   EXPECT_EQ(Run({"-logDir=" + other}), 1);
   EXPECT_EQ(Names(mLogs).size(), 5u);
+  // A stop request ends the wait for the lock: freed 0.1 s later, the lock
+  // is not taken, nothing is trimmed or sent.
+  for (int signal : {SIGTERM, SIGINT, SIGHUP}) {
+    auto waiting = Start({"-logDir=" + other});
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    waiting->Signal(signal);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    sem_unlink("/rDYSDwOgFCbsPgPa4MYm3Q==");
+    ASSERT_TRUE(waiting->Wait());
+    EXPECT_EQ(waiting->ExitCode(), 1);
+    sem_close(held);
+    held = sem_open("/rDYSDwOgFCbsPgPa4MYm3Q==", O_CREAT | O_EXCL, 0700, 1);
+    ASSERT_NE(held, SEM_FAILED) << "the stopped agent took the lock";
+  }
+  EXPECT_EQ(Names(mLogs).size(), 5u);
+  EXPECT_EQ(Names(other), Strings{"k_o.log"});
   EXPECT_EQ(Run({"-noLock", "-logDir=" + other}), 0);
   EXPECT_TRUE(fs::exists(kLockFile));
   sem_unlink("/rDYSDwOgFCbsPgPa4MYm3Q==");
