@@ -86,22 +86,31 @@ twice=$(uniq -d "$work/acked" | wc -l)
 both=$(comm -12 <(sort -u "$work/acked") "$work/left" | wc -l)
 echo "stop trial: $runs runs of $files files: $lost lost, $twice acknowledged twice, $both acknowledged and kept (in flight at the stop), $slow ended more than 1 s after SIGTERM"
 
-# The lock wait: a holder busy with a slow receiver, a second agent stopped
-# 0.3 s into its wait, the lock freed 0.1 s later.
-start_receiver "$work/spool-slow" --delay-ms 400
-rm -f "$work/logs"/*
+# The lock wait: the lock held (the semaphore made by hand), an agent
+# stopped 0.3 s into its wait, the lock freed 0.1 s after the signal.
 mkdir -p "$work/other"
-printf 'x' >"$work/logs/k_hold.log"
 for i in $(seq 50); do printf 'y' >"$work/other/k_$i.log"; done
-"${agent[@]}" -logDir="$work/logs" -receiverURL="$url" &
+python3 - "$work/free" <<'PY' &
+import ctypes, os, sys, time
+libc = ctypes.CDLL(None)
+libc.sem_open.restype = ctypes.c_void_p
+name = b"/rDYSDwOgFCbsPgPa4MYm3Q=="
+assert libc.sem_open(name, os.O_CREAT | os.O_EXCL, 0o700, 1) not in (None, 0), "the lock is taken"
+open(sys.argv[1] + ".held", "w").close()
+while not os.path.exists(sys.argv[1]): time.sleep(0.005)
+time.sleep(0.1)
+libc.sem_unlink(name)
+PY
 holder=$!
-sleep 0.2
+for _ in $(seq 200); do [[ -e $work/free.held ]] && break; sleep 0.01; done
+start_receiver "$work/spool-lock"
 "${agent[@]}" -logDir="$work/other" -receiverURL="$url" &
 waiter=$!
 until_handling "$waiter"
 sleep 0.3
 sent=$(date +%s.%N)
 kill -TERM "$waiter"
+touch "$work/free"
 status=0
 wait "$waiter" || status=$?
 took=$(ms "$sent" "$(date +%s.%N)")
