@@ -94,8 +94,12 @@ int ResolveAndUpload(const CommandLineOptions& inOptions, PassLocations& ioWhere
     return 1;
   }
   inSay.Say("log folder " + logFolder);
-  const UsageStatusFile status(ioWhere.SettingsFile());
-  return UploadLogFolder(RunSettings{status, receiverUrl, inSay}, logFolder) == 0 ? 0 : 1;
+  UsageStatusFile status(ioWhere.SettingsFile());
+  const int result = UploadLogFolder(RunSettings{status, receiverUrl, inSay}, logFolder);
+  // The look-ups' own changes are stored now; any store of the run that
+  // failed (already reported) makes the pass fail.
+  status.Flush();
+  return result == 0 && !status.AnyStoreFailed() ? 0 : 1;
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ constexpr int UploadDone = 0;         // "Active" or "Delete": file removed
 constexpr int UploadFailed = 1;       // no answer, another word, or an unknown stored status: file kept
 constexpr int UploadHibernating = 2;  // stored or newly stored Hibernate: file removed
 constexpr int UploadDisabled = 3;     // stored or newly stored Disabled: file removed
-constexpr int StatusNotSaved = 4;     // new status could not be stored: file removed
+constexpr int StatusNotSaved = 4;     // unused: a status that could not be stored still holds
 
 // What the walk hands to UploadWithRetry for each file.
 constexpr int kUploadAttempts = 10;
@@ -94,16 +94,20 @@ std::string DescribeExchange(const ExchangeReport& inReport, const std::string& 
 }
 
 // Acts on the receiver's reply; removes the file for every understood word.
-int HandleReply(const StopFlag& inStop, const UsageStatusFile& inStatus, const std::string& inSection,
+int HandleReply(const StopFlag& inStop, UsageStatusFile& inStatus, const std::string& inSection,
                 const std::string& inFilePath, const ReceiverReply& reply) {
   int result = UploadFailed;
   switch (reply.word) {
+    // A status that could not be stored still holds for the rest of the run
+    // (the status file keeps it and reports the failure, which ends the run
+    // with status 1), so the file goes and the walk goes on.
     case ReplyWord::kDisabled:
-      result = inStatus.SetUsageStatus(inSection.c_str(), kUsageDisabled, 0) == 0 ? UploadDisabled : StatusNotSaved;
+      inStatus.SetUsageStatus(inSection.c_str(), kUsageDisabled, 0);
+      result = UploadDisabled;
       break;
     case ReplyWord::kHibernate:
-      result = inStatus.SetUsageStatus(inSection.c_str(), kUsageHibernate, reply.days) == 0 ? UploadHibernating
-                                                                                            : StatusNotSaved;
+      inStatus.SetUsageStatus(inSection.c_str(), kUsageHibernate, reply.days);
+      result = UploadHibernating;
       break;
     case ReplyWord::kAccept:
       result = UploadDone;
@@ -116,7 +120,7 @@ int HandleReply(const StopFlag& inStop, const UsageStatusFile& inStatus, const s
 }
 
 // One attempt for inFilePath; outNote says what happened, for diagnostics.
-int UploadOneFile(StopFlag* inStop, const UsageStatusFile& inStatus, const std::string& inReceiverUrl,
+int UploadOneFile(StopFlag* inStop, UsageStatusFile& inStatus, const std::string& inReceiverUrl,
                   const std::string& inFilePath, std::string& outNote) {
   const std::string sSection = SectionOf(inFilePath);
   // GetUsageStatus writes the status only on some paths; Active otherwise.

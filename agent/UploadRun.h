@@ -15,7 +15,7 @@ class UsageStatusFile;
 
 // What a run works with, all owned by the caller for the length of the run.
 struct RunSettings {
-  const UsageStatusFile& status;    // the user's status of each kind of log
+  UsageStatusFile& status;          // the user's status of each kind of log
   const std::string& receiverUrl;   // where the files go
   const Diagnostics& diagnostics;   // one line per attempt, when asked for
 };

@@ -31,7 +31,7 @@ int main(int argc, char** argv) {
 
   ReceiverProcess receiver(home / "spool");
   const auto start = std::chrono::steady_clock::now();
-  const UsageStatusFile status(home / "UserSettings.cfg");
+  UsageStatusFile status(home / "UserSettings.cfg");
   const std::string receiverUrl = receiver.Url();
   const Diagnostics quiet(false);
   const int result = UploadLogFolder(RunSettings{status, receiverUrl, quiet}, sLogs);

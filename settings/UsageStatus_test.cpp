@@ -1,10 +1,21 @@
 #include "UsageStatus.h"
 
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
 
 #include <boost/date_time/gregorian/gregorian.hpp>
 
+#include "FileDescriptor.h"
+#include "FileSystemUtils.h"
 #include "PrivateHome.h"
+
+using FileSystemUtils::GetParentPath;
 
 TEST(UsageStatusTest, LookUpsAndServerWordsKeptInTheFile) {
   using namespace boost::gregorian;
@@ -28,17 +39,70 @@ TEST(UsageStatusTest, LookUpsAndServerWordsKeptInTheFile) {
       {sleep + "9000-Jan-05", "[u]\nhibernatewakedate=9000-Jan-05\nstatus=Disabled\n", 2, 1},
       {"[U]\nStatus=Disabled\n", active, 1, 7}, {"-", asleep("9999-Dec-31"), 0, 2, 2000000000},
       {"-", asleep("1400-Jan-01"), 0, 2, -2000000000}, {"-", asleep(wake(30)), 0, 2, 30},
-      // The unnamed section is read but never stored; without a path there is
-      // no file, every kind is Active (before "": the status file has no path).
-      {"Status=Disabled\n[U]\n", "", 1, -1, 0, ""}, {"[u]\nstatus=Disabled\n", "", 0, 2, 5, ""}, {"", "", 0, 1}};
+      // The unnamed section is read but never stored.
+      {"Status=Disabled\n[U]\n", "", 1, -1, 0, ""}, {"[u]\nstatus=Disabled\n", "", 0, 2, 5, ""}};
   PrivateHome dir;
   for (const Case& c : cases) {
     const std::string path = dir / std::to_string(&c - cases);
     if (c.before != "-") WriteFile(path, c.before);
-    const UsageStatusFile file(c.before.empty() ? "" : path);
+    UsageStatusFile file(path);
     unsigned status = 99;
-    // Both calls return 0.
+    // Both calls return 0; the look-up's own changes are stored by the end.
     EXPECT_FALSE(file.GetUsageStatus(c.kind, status) || (c.set >= 0 && file.SetUsageStatus(c.kind, c.set, c.days)));
+    EXPECT_TRUE(file.Flush() && !file.AnyStoreFailed());
     EXPECT_EQ(std::pair(status, ReadFile(path)), std::pair(c.status, c.after.empty() ? c.before : c.after)) << path;
   }
+}
+
+TEST(UsageStatusTest, ALookUpWritesNothingAndAStoreReplacesTheLinkedFileWithOthersChangesKept) {
+  PrivateHome dir;
+  const std::string real = dir / "real.cfg", link = dir / "link.cfg";
+  WriteFile(real, "# kept until a store\n[a]\nstatus=Hibernate\n");
+  ASSERT_TRUE(chmod(real.c_str(), 0640) == 0 && symlink("real.cfg", link.c_str()) == 0);
+  UsageStatusFile file(link);
+  unsigned status = 99;
+  EXPECT_TRUE(file.GetUsageStatus("a", status) == 0 && status == kUsageActive);
+  EXPECT_EQ(ReadFile(real), "# kept until a store\n[a]\nstatus=Hibernate\n");
+  WriteFile(real, "[b]\nstatus=Disabled\n");  // another writer, meanwhile
+  EXPECT_EQ(file.SetUsageStatus("c", kUsageDisabled, 0), 0);
+  EXPECT_EQ(ReadFile(real), "[a]\nstatus=Active\n[b]\nstatus=Disabled\n[c]\nstatus=Disabled\n");
+  struct stat info;
+  EXPECT_TRUE(lstat(link.c_str(), &info) == 0 && S_ISLNK(info.st_mode) && stat(real.c_str(), &info) == 0 &&
+              (info.st_mode & 07777) == 0640 && Names(dir.Root()).size() == 9) << "a link, the mode, no stray file";
+}
+
+// As a full disk, a read-only file, a folder in its place or no settings folder would have it.
+TEST(UsageStatusTest, AStatusThatCannotBeStoredHoldsForTheRunIsReportedAndLeavesTheFileWhole) {
+  PrivateHome dir;
+  const std::string full = dir / "full", text = std::string(4068, '#') + "\n[zz]\nstatus=Disabled\n";  // 4,090 bytes
+  std::string noMount = UsePrivateShm();
+  if (noMount.empty() && (mkdir(full.c_str(), 0700) != 0 || mount("tmpfs", full.c_str(), "tmpfs", 0, "size=64k") != 0))
+    noMount = strerror(errno);
+  struct Case { std::string path; const char* reason; };
+  const Case cases[] = {{full + "/s.cfg", "No space left on device"}, {dir / "ro.cfg", "Permission denied"},
+                        {dir / "home", "it could not be read whole: Invalid argument"}, {"", "nowhere to write it"}};
+  for (const Case& c : cases) {
+    const bool hasText = c.path.find(".cfg") != std::string::npos;
+    if (c.path.rfind(full, 0) == 0 && !noMount.empty()) continue;
+    if (hasText) WriteFile(c.path, text);
+    FileDescriptor filler(open((full + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    while (c.path.rfind(full, 0) == 0 && write(filler.Get(), text.data(), 4096) > 0) {}
+    chmod((dir / "ro.cfg").c_str(), 0444);
+    UsageStatusFile file(c.path);
+    unsigned status = 99, zz = 99;
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(file.GetUsageStatus("new", status) == 0 && file.SetUsageStatus("k", 1, 0) == 1);
+    EXPECT_EQ(file.Flush(), c.path.empty()) << "a look-up's change needs no file, a store tried again fails again";
+    const std::string line = "porvane: cannot store the usage status in " +
+                             (c.path.empty() ? "(no user settings file: its folder was not found)" : c.path) + ": " +
+                             c.reason + "; the file is left as it was\n";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.path.empty() ? line : line + line);
+    EXPECT_TRUE(file.GetUsageStatus("k", status) == 0 && status == kUsageDisabled && file.AnyStoreFailed()) << c.path;
+    if (!hasText) continue;
+    EXPECT_TRUE(file.GetUsageStatus("zz", zz) == 0 && zz == kUsageDisabled && ReadFile(c.path) == text);
+    const std::vector<std::string> names = Names(GetParentPath(c.path));
+    EXPECT_EQ(std::count_if(names.begin(), names.end(), [](auto& n) { return n[0] == '.'; }), 0) << "no new file left";
+  }
+  if (noMount.empty()) umount2(full.c_str(), MNT_DETACH);
+  if (!noMount.empty()) GTEST_SKIP() << "the full-disk case needs a private mount: " << noMount;
 }
