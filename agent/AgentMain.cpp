@@ -1,6 +1,7 @@
 #include "AgentMain.h"
 
 #include <csignal>
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,6 +9,7 @@
 #include "AgentLock.h"
 #include "CommandLineOptions.h"
 #include "Diagnostics.h"
+#include "DirSizeLimit.h"
 #include "Locations.h"
 #include "LogFolderLimit.h"
 #include "ResourceLocker.h"
@@ -126,7 +128,14 @@ int RunAgent(int argc, char** argv) {
   PassLocations where;
   // The trim always works on the default log folder; without an
   // installation it has no ceiling and does nothing.
-  if (where.InstallStatus() == kLocationOk) {
+  double ceiling = 0;
+  if (where.InstallStatus() == kLocationOk && !ParseMaxTotalDirSize(where.Install().maxTotalDirSize, ceiling)) {
+    // Read as atof would, a typo would be a ceiling of 0 and delete every
+    // log: a ceiling that is no number trims nothing, and says so.
+    const std::string line = "porvane: MaxTotalDirSize \"" + Diagnostics::Escape(where.Install().maxTotalDirSize) +
+                             "\" is not a number of bytes; the log folder is not trimmed\n";
+    std::fputs(line.c_str(), stderr);
+  } else if (where.InstallStatus() == kLocationOk) {
     const std::string logFolder = where.UserStatus() == kLocationOk ? where.DefaultLogFolder() : std::string();
     const std::string& limit = where.Install().maxTotalDirSize;
     const bool fits = EnforceLogFolderLimit(limit, logFolder);
