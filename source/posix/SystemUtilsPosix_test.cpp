@@ -1,6 +1,10 @@
 #include "SystemUtilsPosix.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
+
+#include <functional>
 
 #include "FileSystemUtils.h"
 #include "PrivateHome.h"
@@ -24,6 +28,29 @@ TEST(SystemUtils, RestartMarkerGoesWithTheLoginItem) {
   EXPECT_TRUE(RemoveFromLoginItems("a", false) && ReadFile(home / "config/loginwindow.plist").empty());
   home.Set("XDG_RUNTIME_DIR", home / "config/loginwindow.plist/run");  // no folder for markers: a restart is assumed
   EXPECT_TRUE(!SetRestartMarker("a") && HasRestartedSinceMarker("a") && !RemoveFromLoginItems("a", false));
+}
+
+TEST(SystemUtils, InASharedFolderTheRestartMarkerLivesInAFolderOfTheUsersOwnOrNowhere) {
+  PrivateHome home;
+  const std::string shared = home / "shared", own = shared + "/porvane-" + std::to_string(geteuid());
+  ASSERT_TRUE(mkdir(shared.c_str(), 0700) == 0 && chmod(shared.c_str(), 01777) == 0);
+  home.Set("XDG_RUNTIME_DIR", shared);  // as /tmp is
+  ASSERT_TRUE(SetRestartMarker("a") && !HasRestartedSinceMarker("a"));
+  EXPECT_EQ(ReadFile(own + "/RebootCheck/0cc175b9c0f1b6a831c399e269772661"), "");
+  struct stat info;
+  for (const std::string& folder : {own, own + "/RebootCheck"})
+    EXPECT_TRUE(lstat(folder.c_str(), &info) == 0 && (info.st_mode & 07777) == 0700) << folder;
+  // Anything else there is not trusted: no marker is set, and a restart is assumed.
+  const std::pair<const char*, std::function<void()>> kUntrusted[] = {
+      {"open to the group", [&] { chmod(own.c_str(), 0750); }},
+      {"a link to a private folder",
+       [&] { rename(own.c_str(), (own + "x").c_str()), symlink((own + "x").c_str(), own.c_str()); }},
+      {"another user's", [&] { unlink(own.c_str()), mkdir(own.c_str(), 0700), chown(own.c_str(), kNobody, 0); }}};
+  for (const auto& [what, make] : kUntrusted) {
+    if (std::string(what) == "another user's" && geteuid() != 0) continue;  // only root can give a folder away
+    make();
+    EXPECT_TRUE(!SetRestartMarker("b") && HasRestartedSinceMarker("a")) << what;
+  }
 }
 
 TEST(SystemUtils, VersionTexts) {
