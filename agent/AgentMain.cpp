@@ -1,7 +1,9 @@
 #include "AgentMain.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,6 +13,7 @@
 #include "Diagnostics.h"
 #include "DirSizeLimit.h"
 #include "Locations.h"
+#include "LockSemaphoreName.h"
 #include "LogFolderLimit.h"
 #include "ResourceLocker.h"
 #include "TerminateSignal.h"
@@ -119,7 +122,15 @@ int RunAgent(int argc, char** argv) {
   if (noLock) {
     say.Say("lock not used (noLock)");
   } else if (!locker.lock()) {
-    say.Say("lock held by another agent; pass ended with status 1 (porvane-unlock --if-stale clears a dead one's)");
+    if (locker.lastError() == EEXIST) {
+      say.Say("lock held by another agent; pass ended with status 1 (porvane-unlock --if-stale clears a dead one's)");
+    } else {
+      // No holder but a fault (a full or read-only /dev/shm): it stops every
+      // pass of every user, so it is said whether asked for or not.
+      const std::string line = "porvane: the lock " + qvd::LockSemaphoreFile(kAgentLockName) +
+                               " cannot be made: " + std::strerror(locker.lastError()) + "; pass ended with status 1\n";
+      std::fputs(line.c_str(), stderr);
+    }
     return 1;  // not taken: nothing to release
   } else {
     say.Say("lock taken");

@@ -15,4 +15,6 @@ bool ResourceLocker::unlock(bool inForce) { return mImpl->unlock(inForce); }
 
 bool ResourceLocker::isLocked() const { return mImpl->isLocked(); }
 
+int ResourceLocker::lastError() const { return mImpl->lastError(); }
+
 }  // namespace qvd

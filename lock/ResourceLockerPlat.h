@@ -14,8 +14,9 @@
 namespace qvd {
 
 // Holds the semaphore handle while the lock is held; SEM_FAILED means free.
-// That handle is the whole state. Operations behave as documented on
-// ResourceLocker.
+// That handle is the whole state of the lock; beside it, the reason the last
+// lock() failed is kept for the caller's report. Operations behave as
+// documented on ResourceLocker.
 class ResourceLocker::ResourceLockerPlat {
  public:
   // Builds the process-wide bridge on first use (may throw, see
@@ -30,12 +31,14 @@ class ResourceLocker::ResourceLockerPlat {
   bool lock();
   bool unlock(bool inForce);
   bool isLocked() const { return mSemaphore != SEM_FAILED; }
+  int lastError() const { return mLastError; }
 
  private:
   GlobalORUSysAccessor& mSysAccessor;
   sem_t* mSemaphore;
   std::string mName;  // as given, not hashed
   uint32_t mTimeoutMs;
+  int mLastError = 0;  // errno of the last failed attempt
 };
 
 }  // namespace qvd

@@ -1,5 +1,8 @@
 #include "ResourceLocker.h"
 
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,4 +67,38 @@ TEST(ResourceLockerTest, ALockAnotherUsersProcessDiedHoldingIsNeverTakenForStale
   EXPECT_THAT(Unlock({"--if-stale"}), FieldsAre(0, "porvane-unlock: lock \"TarvoUsageTrackerFileUploadLocker\" "
                                                    "belongs to another user; left in place\n", ""));
   EXPECT_EQ(access("/dev/shm/sem.rDYSDwOgFCbsPgPa4MYm3Q==", F_OK), 0);
+}
+
+// porvane-unlock with inArg (or none) run as user inUser: exit status and standard output.
+static std::pair<int, std::string> UnlockAs(uid_t inUser, const char* inArg) {
+  const PrivateHome capture;
+  const int out = open((capture / "out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  const std::string program = BuiltProgram("porvane-unlock");
+  const int status = RunAsUser(inUser, [&] {
+    dup2(out, STDOUT_FILENO);
+    return execl(program.c_str(), program.c_str(), inArg, static_cast<char*>(nullptr)), 127;
+  });
+  close(out);
+  return {status, ReadFile(capture / "out")};
+}
+
+TEST(ResourceLockerTest, ALockThatCannotBeMadeOrRemovedIsToldForWhatItIs) {
+  if (const std::string why = UsePrivateShm(); !why.empty()) GTEST_SKIP() << why;
+  ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=4k,mode=1777"), 0);  // full at once
+  WriteFile("/dev/shm/filler", std::string(4096, 'x'));
+  qvd::ResourceLocker locker(kAgentLockName, 0);
+  EXPECT_TRUE(!locker.lock() && locker.lastError() == ENOSPC) << "no room is not a holder";
+  ASSERT_EQ(umount2("/dev/shm", MNT_DETACH), 0);
+  qvd::ResourceLocker(kAgentLockName, 0).unlock(true);  // whatever an earlier test of this process left
+  ASSERT_TRUE(locker.lock() && locker.lastError() == 0);
+  if (geteuid() != 0) GTEST_SKIP() << "only root can act as two other users";
+  EXPECT_EQ(UnlockAs(kNobody, nullptr), std::pair(1, std::string("porvane-unlock: lock \"TarvoUsageTrackerFileUploadLocker"
+      "\" belongs to user root (uid 0); only that user or root may remove it (semaphore /rDYSDwOgFCbsPgPa4MYm3Q==)\n")));
+  ASSERT_TRUE(locker.unlock(false));
+  // A link another user (uid 1) planted at the name, to a file of nobody's: nobody may not remove it.
+  WriteFile("/dev/shm/nobodys", "");
+  const char* const kName = "/dev/shm/sem.rDYSDwOgFCbsPgPa4MYm3Q==";
+  ASSERT_TRUE(chown("/dev/shm/nobodys", kNobody, 0) == 0 && symlink("nobodys", kName) == 0 && lchown(kName, 1, 1) == 0);
+  EXPECT_EQ(UnlockAs(kNobody, "--if-stale"), std::pair(0, std::string("porvane-unlock: lock \"TarvoUsageTrackerFile"
+      "UploadLocker\" belongs to another user; left in place\n")));
 }
