@@ -123,7 +123,10 @@ bool UsageStatusFile::Store() {
     mPending.clear();
     return true;
   }
-  ReportStoreFailure(mPath, reason);
+  // A store tried again for the same reason (the end of the run retries
+  // what failed) says nothing new.
+  if (reason != mReportedFailure) ReportStoreFailure(mPath, reason);
+  mReportedFailure = reason;
   mStoreFailed = true;
   return false;
 }

@@ -33,7 +33,8 @@ enum UsageStatus : unsigned {
 // size or modification time) is read again and only this run's own changes
 // are applied to it.
 //
-// A failed store writes one line to standard error:
+// A failed store writes one line to standard error (unless the store before
+// failed for the same reason):
 //   "porvane: cannot store the usage status in PATH: REASON; the file is left as it was"
 // and is kept in AnyStoreFailed(); the changes it carried stay pending and
 // go with the next store. A file that could not be read whole (other than
@@ -104,6 +105,7 @@ class UsageStatusFile {
   int mReadError = 0;            // errno of a read that did not get the whole file
   std::vector<Change> mPending;  // this run's changes not yet on disk
   bool mStoreFailed = false;
+  std::string mReportedFailure;  // the reason last reported
 };
 
 #endif  // PORVANE_SETTINGS_USAGESTATUS_H
