@@ -1,6 +1,8 @@
 #include "AgentMain.h"
 
-#include <cstdlib>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -8,7 +10,9 @@
 #include "AgentLock.h"
 #include "CommandLineOptions.h"
 #include "Diagnostics.h"
+#include "DirSizeLimit.h"
 #include "Locations.h"
+#include "LockSemaphoreName.h"
 #include "LogFolderLimit.h"
 #include "ResourceLocker.h"
 #include "StopFlag.h"
@@ -96,7 +100,11 @@ int ResolveAndUpload(const CommandLineOptions& inOptions, PassLocations& ioWhere
   }
   inSay.Say("log folder " + logFolder);
   UsageStatusFile status(ioWhere.SettingsFile());
-  return UploadLogFolder(RunSettings{status, receiverUrl, inSay, inStop}, logFolder) == 0 ? 0 : 1;
+  const int result = UploadLogFolder(RunSettings{status, receiverUrl, inSay, inStop}, logFolder);
+  // The look-ups' own changes are stored now; any store of the run that
+  // failed (already reported) makes the pass fail.
+  status.Flush();
+  return result == 0 && !status.AnyStoreFailed() ? 0 : 1;
 }
 
 // Trims the default log folder; without an installation there is no
@@ -106,12 +114,21 @@ void TrimDefaultFolder(PassLocations& ioWhere, const Diagnostics& inSay, const S
     inSay.Say("trim skipped: installation not found");
     return;
   }
-  const std::string logFolder = ioWhere.UserStatus() == kLocationOk ? ioWhere.DefaultLogFolder() : std::string();
   const std::string& limit = ioWhere.Install().maxTotalDirSize;
+  double ceiling = 0;
+  if (!ParseMaxTotalDirSize(limit, ceiling)) {
+    // Read as atof would, a typo would be a ceiling of 0 and delete every
+    // log: a ceiling that is no number trims nothing, and says so.
+    const std::string line =
+        "porvane: MaxTotalDirSize \"" + Diagnostics::Escape(limit) + "\" is not a number of bytes; the log folder is not trimmed\n";
+    std::fputs(line.c_str(), stderr);
+    return;
+  }
+  const std::string logFolder = ioWhere.UserStatus() == kLocationOk ? ioWhere.DefaultLogFolder() : std::string();
   TrimControl control;
   control.stop = &inStop.stopRequested;
   control.removed = [&](const std::string& inPath) { inSay.Say("trim removed " + inPath); };
-  const bool fits = EnforceLogFolderLimit(std::atof(limit.c_str()), logFolder, control);
+  const bool fits = EnforceLogFolderLimit(ceiling, logFolder, control);
   inSay.Say("trim of " + (logFolder.empty() ? "(no default log folder)" : logFolder) + " to " + limit + " bytes: " +
             (fits ? "within the limit" : "over the limit"));
 }
@@ -136,9 +153,15 @@ int RunAgent(int argc, char** argv) {
   } else if (!locker.lock()) {
     if (stop.stopRequested.load()) {
       say.Say("stopped while waiting for the lock; pass ended with status 1");
-      return 1;
+    } else if (locker.lastError() == EEXIST) {
+      say.Say("lock held by another agent; pass ended with status 1 (porvane-unlock --if-stale clears a dead one's)");
+    } else {
+      // No holder but a fault (a full or read-only /dev/shm): it stops every
+      // pass of every user, so it is said whether asked for or not.
+      const std::string line = "porvane: the lock " + qvd::LockSemaphoreFile(kAgentLockName) +
+                               " cannot be made: " + std::strerror(locker.lastError()) + "; pass ended with status 1\n";
+      std::fputs(line.c_str(), stderr);
     }
-    say.Say("lock held by another agent; pass ended with status 1 (porvane-unlock --if-stale clears a dead one's)");
     return 1;  // not taken: nothing to release
   } else {
     say.Say("lock taken");

@@ -6,6 +6,11 @@
 // file, the receiver URL without credentials, the HTTP status, libcurl's
 // error text if any, the reply's first word and what comes next (removed, or
 // the wait before the next try). Without it the pass writes nothing at all.
+//
+// A line carries file names and the receiver's words, which anyone may
+// choose: each byte below 0x20, 0x7F and the backslash are written escaped
+// ("\xHH" with upper-case hex digits, "\\"), so no text can end a line early
+// or forge one in the journal. Other bytes, UTF-8 included, go as they are.
 #ifndef PORVANE_AGENT_DIAGNOSTICS_H
 #define PORVANE_AGENT_DIAGNOSTICS_H
 
@@ -17,9 +22,12 @@ class Diagnostics {
   static Diagnostics FromEnvironment();
   explicit Diagnostics(bool inEnabled) : mEnabled(inEnabled) {}
 
-  // Writes "porvane: " + inLine + "\n" to standard error, in one write, when
-  // enabled; nothing otherwise.
+  // Writes "porvane: " + Escape(inLine) + "\n" to standard error, in one
+  // write, when enabled; nothing otherwise.
   void Say(const std::string& inLine) const;
+
+  // inText with the bytes below 0x20, 0x7F and "\" escaped as above.
+  static std::string Escape(const std::string& inText);
 
  private:
   bool mEnabled;

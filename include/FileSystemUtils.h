@@ -78,6 +78,25 @@ ReadStatus ReadWholeFile(const std::string& inPath, std::string& outContent);
 // without error.
 bool WriteWholeFile(const std::string& inPath, const std::string& inContent);
 
+// Replaces the file at inPath with inContent so that a reader, or a crash,
+// finds either the old file whole or the new one whole, never a mix or a
+// cut: the content goes to a new file in the same folder (".NAME.PID.N"),
+// is flushed to disk, and is renamed over the old one; then the folder is
+// flushed too. A link at inPath (or a chain of them) is followed and the
+// file it points to is replaced, so the link stays. The new file keeps the
+// old one's mode bits, and its owner and group where the effective user may
+// give them; a file made where none was gets mode 0666 less the umask.
+// Returns false with errno set, the old file untouched and no new file left
+// behind, when:
+// - the effective user may not write the old file by its mode bits (EACCES;
+//   the same rule as RemovePath: no exception for the superuser);
+// - something other than a regular file is there (EISDIR for a folder,
+//   EINVAL otherwise), or the links loop (ELOOP);
+// - the new file cannot be made, written, flushed or renamed (ENOSPC,
+//   EROFS, EACCES, ...).
+// REQUIRES: !inPath.empty() (asserted).
+bool ReplaceWholeFile(const std::string& inPath, const std::string& inContent);
+
 }  // namespace FileSystemUtils
 
 #endif  // PORVANE_INCLUDE_FILESYSTEMUTILS_H

@@ -15,9 +15,13 @@
 // No Linux desktop reads that file, so each operation also keeps the
 // matching XDG autostart entry: $XDG_CONFIG_HOME/autostart/login-item-<hex
 // MD5 of the path>.desktop, an Application entry whose Exec runs the path,
-// one per path. It is written when an item is added (or found listed) and
-// removed with the item, after the property list was handled; failing to
-// write or remove it makes the operation return false.
+// one per path. It follows what the list holds, after the list was handled:
+// it is written when an item is added (or found listed); it is removed with
+// the item, and by every removal whatever the list holds (even when the
+// list cannot be read); an item the list refuses (the key holds something
+// other than an array) gets none, and loses one it had. Failing to write or
+// remove it makes the operation return false, except for a refused item,
+// whose result is the list's.
 #ifndef PORVANE_INCLUDE_LOGINWINDOWPLIST_H
 #define PORVANE_INCLUDE_LOGINWINDOWPLIST_H
 
@@ -27,7 +31,7 @@
 // {"Hide" = false, "Path" = inAppPath} when none is. With no file (or an
 // empty one) a new root dictionary is started. A root that holds the key
 // with a value that is not an array is left as it is, but the file is still
-// rewritten.
+// rewritten and the call returns true; the item then has no autostart entry.
 // Returns true on success, including "already listed" (the file is then not
 // touched); false when the preferences folder cannot be found or made, the
 // file cannot be read or written, it is not an XML property list with a

@@ -98,10 +98,14 @@ std::string BuildShellLaunchCommand(const std::string& inPath);
 bool RequestRestart();
 
 // The restart marker: an empty file in the folder of items removed at
-// start-up (special folder 0: $XDG_RUNTIME_DIR, else /tmp), below
-// "Tarvo/Kestrane/RebootCheck", named by the lowercase hexadecimal MD5 of the
-// name. A restart (or the end of the user's session, for $XDG_RUNTIME_DIR)
-// removes it.
+// start-up (special folder 0: $XDG_RUNTIME_DIR, else /tmp), named by the
+// lowercase hexadecimal MD5 of the name. A restart (or the end of the user's
+// session, for $XDG_RUNTIME_DIR) removes it. When that folder is the user's
+// own and others may not write it, the marker lies below
+// "Tarvo/Kestrane/RebootCheck"; in a shared folder such as /tmp, below
+// "porvane-UID/RebootCheck" (UID: the effective user id), two folders made
+// with mode 0700. When either of those exists and is not a folder of the
+// user's own closed to everyone else, the marker's path cannot be made.
 //
 // Creates the marker for inName; true when it exists afterwards.
 // REQUIRES: !inName.empty() (asserted).

@@ -16,5 +16,6 @@ bool ResourceLocker::unlock(bool inForce) { return mImpl->unlock(inForce); }
 bool ResourceLocker::isLocked() const { return mImpl->isLocked(); }
 
 void ResourceLocker::SetStopFlag(const std::atomic<bool>* inStop) { mImpl->SetStopFlag(inStop); }
+int ResourceLocker::lastError() const { return mImpl->lastError(); }
 
 }  // namespace qvd

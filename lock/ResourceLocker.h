@@ -33,10 +33,17 @@ class ResourceLocker : public LockPolicyInterface {
 
   // Tries at once, then every millisecond until inTimeoutMs have passed since
   // the call; a time-out of 0 makes exactly one attempt. True when held.
-  // Any failure to create the semaphore counts as "held by another" and is
-  // waited out. Not re-entrant: on an object that already holds the lock it
-  // throws resource_lock_fail (resource() = the lock name) and stays held.
+  // Any failure to create the semaphore is waited out alike, whatever its
+  // reason; lastError() tells the last attempt's. Not re-entrant: on an
+  // object that already holds the lock it throws resource_lock_fail
+  // (resource() = the lock name) and stays held.
   bool lock() override;
+
+  // The errno of the last attempt of the last lock() that returned false:
+  // EEXIST when the lock was held (by anyone: any local user can hold it),
+  // anything else when it could not be made at all (ENOSPC, EACCES, EROFS,
+  // ...). 0 before any failed lock() and after a successful one.
+  int lastError() const;
 
   // Removes the semaphore's name, then closes this object's handle if it has
   // one. True when the name was removed. False when it could not be (it did

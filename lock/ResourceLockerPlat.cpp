@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "LockSemaphoreName.h"
 #include "Microseconds.h"
 
@@ -28,6 +30,7 @@ bool ResourceLocker::ResourceLockerPlat::lock() {
     // The error is not inspected: "exists", "refused" and "invalid" are all
     // waited out alike. The name is derived anew on every attempt.
     mSemaphore = mSysAccessor.sem_open(LockSemaphoreName(mName).c_str(), O_CREAT | O_EXCL, 0700, 1);
+    mLastError = mSemaphore != SEM_FAILED ? 0 : errno;  // kept for the report, not to decide
     if (mSemaphore != SEM_FAILED) return true;
     // The sleep follows every failed attempt, so even a time-out of 0 sleeps
     // once. A signal may cut it short (EINTR); the clock still decides.

@@ -15,8 +15,9 @@
 namespace qvd {
 
 // Holds the semaphore handle while the lock is held; SEM_FAILED means free.
-// That handle is the whole state. Operations behave as documented on
-// ResourceLocker.
+// That handle is the whole state of the lock; beside it, the reason the last
+// lock() failed is kept for the caller's report. Operations behave as
+// documented on ResourceLocker.
 class ResourceLocker::ResourceLockerPlat {
  public:
   // Builds the process-wide bridge on first use (may throw, see
@@ -32,6 +33,7 @@ class ResourceLocker::ResourceLockerPlat {
   bool unlock(bool inForce);
   bool isLocked() const { return mSemaphore != SEM_FAILED; }
   void SetStopFlag(const std::atomic<bool>* inStop) { mStop = inStop; }
+  int lastError() const { return mLastError; }
 
  private:
   GlobalORUSysAccessor& mSysAccessor;
@@ -39,6 +41,7 @@ class ResourceLocker::ResourceLockerPlat {
   std::string mName;  // as given, not hashed
   uint32_t mTimeoutMs;
   const std::atomic<bool>* mStop = nullptr;
+  int mLastError = 0;  // errno of the last failed attempt
 };
 
 }  // namespace qvd

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "LockSemaphoreName.h"
 #include "ProcessTable.h"
 #include "ResourceLocker.h"
@@ -13,7 +15,7 @@ namespace {
 
 LockState Inspect(const std::string& inFile, FileIdentity& outIdentity, pid_t& outHolder) {
   struct stat info;
-  if (stat(inFile.c_str(), &info) != 0) return LockState::kFree;
+  if (lstat(inFile.c_str(), &info) != 0) return LockState::kFree;
   if (info.st_uid != geteuid()) return LockState::kOtherOwner;
   outIdentity = FileIdentity{info.st_dev, info.st_ino};
   pid_t holder = 0;
@@ -43,8 +45,14 @@ LockState RemoveStaleLock(const std::string& inLockName, pid_t& outHolder) {
   state = Inspect(file, second, outHolder);
   if (state != LockState::kStale) return state;
   if (!(first == second)) return LockState::kChanged;
-  ResourceLocker(inLockName, 0).unlock(true);
-  return LockState::kStale;
+  int error = 0;
+  {
+    ResourceLocker locker(inLockName, 0);
+    if (locker.unlock(true)) return LockState::kStale;
+    error = errno;
+  }
+  errno = error;  // past the locker's end
+  return LockState::kStuck;
 }
 
 }  // namespace qvd

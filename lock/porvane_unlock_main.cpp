@@ -8,16 +8,24 @@
 //   porvane-unlock --if-stale [--name NAME]  removes it only when it is this
 //                                            user's and no live process holds it
 //
-// Without --if-stale: prints one line saying whether a lock was removed; exit
-// status 0 when one was removed, 1 when there was none (or it could not be
-// removed). With --if-stale: prints a line only when it removed a lock or
-// left one that is held or another user's, and exits 0 in every such case,
-// so that it can run before every pass. Both exit 2 on a usage error or when
+// Without --if-stale: prints one line saying whether a lock was removed, and
+// when it could not be, why (another user's lock says whose it is); exit
+// status 0 when one was removed, 1 when there was none or it could not be
+// removed. With --if-stale: prints a line only when it removed a lock, left
+// one that is held or another user's, or could not remove a stale one, and
+// exits 0 in every such case, so that it can run before every pass. A
+// removal is reported only when the name is gone. Both exit 2 on a usage error or when
 // the C library bridge cannot be loaded.
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "AgentLock.h"
 #include "LockSemaphoreName.h"
@@ -35,8 +43,9 @@ const char kUsage[] =
     "  --help       show this text\n"
     "Without --if-stale the lock goes whoever holds it: use that only when no agent\n"
     "is running, for instance for another user's lock (as root).\n"
+    "Any local user can hold the lock; only its owner or root can remove it.\n"
     "Exit status: 0 when a lock was removed (with --if-stale: always), 1 when there\n"
-    "was none, 2 on error.\n";
+    "was none or it could not be removed, 2 on error.\n";
 
 enum ExitStatus { kRemoved = 0, kNoneRemoved = 1, kFailed = 2 };
 
@@ -66,9 +75,21 @@ int ParseArguments(int argc, char** argv, Arguments& outArguments) {
   return -1;
 }
 
+// "user NAME (uid N)", or "user N" when the id has no name.
+std::string DescribeUser(uid_t inUid) {
+  const std::string uid = std::to_string(inUid);
+  std::vector<char> buffer(16384);
+  passwd entry;
+  passwd* found = nullptr;
+  if (getpwuid_r(inUid, &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) return "user " + uid;
+  return "user " + std::string(found->pw_name) + " (uid " + uid + ")";
+}
+
 int RemoveIfStale(const std::string& inName, const std::string& inSemaphore) {
   pid_t holder = 0;
-  switch (qvd::RemoveStaleLock(inName, holder)) {
+  const qvd::LockState state = qvd::RemoveStaleLock(inName, holder);
+  const int error = errno;
+  switch (state) {
     case qvd::LockState::kStale:
       std::printf("porvane-unlock: removed stale lock \"%s\" (semaphore %s)\n", inName.c_str(), inSemaphore.c_str());
       break;
@@ -79,6 +100,10 @@ int RemoveIfStale(const std::string& inName, const std::string& inSemaphore) {
     case qvd::LockState::kOtherOwner:
       std::printf("porvane-unlock: lock \"%s\" belongs to another user; left in place\n", inName.c_str());
       break;
+    case qvd::LockState::kStuck:
+      std::printf("porvane-unlock: stale lock \"%s\" could not be removed: %s; left in place\n", inName.c_str(),
+                  std::strerror(error));
+      break;
     case qvd::LockState::kFree:
     case qvd::LockState::kChanged:
       break;
@@ -87,12 +112,29 @@ int RemoveIfStale(const std::string& inName, const std::string& inSemaphore) {
 }
 
 int RemoveAnyway(const std::string& inName, const std::string& inSemaphore) {
-  // The time-out does not matter: unlock(true) never waits.
-  if (qvd::ResourceLocker(inName, 0).unlock(true)) {
-    std::printf("porvane-unlock: removed lock \"%s\" (semaphore %s)\n", inName.c_str(), inSemaphore.c_str());
-    return kRemoved;
+  int error = 0;
+  {
+    // The time-out does not matter: unlock(true) never waits.
+    qvd::ResourceLocker locker(inName, 0);
+    if (locker.unlock(true)) {
+      std::printf("porvane-unlock: removed lock \"%s\" (semaphore %s)\n", inName.c_str(), inSemaphore.c_str());
+      return kRemoved;
+    }
+    error = errno;
   }
-  std::printf("porvane-unlock: no lock \"%s\" to remove (semaphore %s)\n", inName.c_str(), inSemaphore.c_str());
+  struct stat info;
+  if (error == ENOENT || lstat(qvd::LockSemaphoreFile(inName).c_str(), &info) != 0) {
+    std::printf("porvane-unlock: no lock \"%s\" to remove (semaphore %s)\n", inName.c_str(), inSemaphore.c_str());
+  } else if (info.st_uid != geteuid()) {
+    // The folder of semaphores is sticky: only the name's owner and root
+    // may remove it.
+    const std::string owner = DescribeUser(info.st_uid);
+    std::printf("porvane-unlock: lock \"%s\" belongs to %s; only that user or root may remove it (semaphore %s)\n",
+                inName.c_str(), owner.c_str(), inSemaphore.c_str());
+  } else {
+    std::printf("porvane-unlock: lock \"%s\" could not be removed: %s (semaphore %s)\n", inName.c_str(),
+                std::strerror(error), inSemaphore.c_str());
+  }
   return kNoneRemoved;
 }
 

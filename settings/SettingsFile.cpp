@@ -1,6 +1,7 @@
 #include "SettingsFile.h"
 
 #include <cctype>
+#include <cerrno>
 #include <set>
 
 #include "FileSystemUtils.h"
@@ -44,12 +45,18 @@ std::string ToLower(std::string& ioText) {
 }
 
 int SettingsFile::Read(const std::string& inPath) {
+  Load(inPath);
+  return 0;
+}
+
+int SettingsFile::Load(const std::string& inPath) {
   mValues.clear();
   std::string text;
   const FileSystemUtils::ReadStatus status = FileSystemUtils::ReadWholeFile(inPath, text);
+  const int readError = status == FileSystemUtils::ReadStatus::kComplete ? 0 : errno;
   // A missing or unreadable file reads as empty; after a failed read only the
   // lines that arrived whole count.
-  if (status == FileSystemUtils::ReadStatus::kCannotOpen) return 0;
+  if (status == FileSystemUtils::ReadStatus::kCannotOpen) return readError;
   if (status == FileSystemUtils::ReadStatus::kReadError) text.erase(text.rfind('\n') + 1);
 
   std::string section;
@@ -76,10 +83,16 @@ int SettingsFile::Read(const std::string& inPath) {
     const std::string value = TrimString(line.substr(equals == std::string::npos ? 0 : equals + 1));
     mValues[section + "/" + key] = value;
   }
-  return 0;
+  return readError;
 }
 
 int SettingsFile::Write(const std::string& inPath) const {
+  // An unwritable file loses the change; callers go on regardless.
+  FileSystemUtils::WriteWholeFile(inPath, Text());
+  return 0;
+}
+
+std::string SettingsFile::Text() const {
   std::string out;
   std::set<std::string> written;
   for (const auto& entry : mValues) {
@@ -99,9 +112,7 @@ int SettingsFile::Write(const std::string& inPath) const {
       out.append(it->first, slash + 1, std::string::npos).append("=").append(it->second).append("\n");
     }
   }
-  // An unwritable file loses the change; callers go on regardless.
-  FileSystemUtils::WriteWholeFile(inPath, out);
-  return 0;
+  return out;
 }
 
 const std::string& SettingsFile::GetValue(const std::string& inSection, const std::string& inKey) const {

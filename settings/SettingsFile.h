@@ -32,9 +32,20 @@ class SettingsFile {
   // that cannot be opened reads as an empty file. Linear in the file's size.
   int Read(const std::string& inPath);
 
-  // Truncates or creates the file at inPath and writes the map. Always
-  // returns 0; a file that cannot be opened silently gets nothing.
+  // Read, telling how the read went: 0 when the whole file was read, else
+  // the errno of the failure: ENOENT for a missing file; for a file that
+  // cannot be opened the map stays empty, after a failed read it keeps the
+  // lines that arrived whole.
+  int Load(const std::string& inPath);
+
+  // Truncates or creates the file at inPath and writes the map (Text).
+  // Always returns 0; a file that cannot be opened silently gets nothing.
   int Write(const std::string& inPath) const;
+
+  // The text Write writes: for each section, in map order, "[section]\n"
+  // and then "key=value\n" for every entry whose composite key begins with
+  // the section's text.
+  std::string Text() const;
 
   // The stored value of lower(trim(section)) + "/" + lower(trim(key)), or a
   // reference to one shared empty string when there is none.

@@ -289,6 +289,12 @@ TEST_F(AgentEndToEnd, TheLockAndTheTrimComeFirstAndTheTrimIsOfTheDefaultFolder) 
   sem_unlink("/rDYSDwOgFCbsPgPa4MYm3Q==");
   EXPECT_EQ(Names(mLogs), (Strings{"k_big.log.tmp", "k_new.log", "k_newest.log"}));
   EXPECT_TRUE(Names(other).empty());
+  // A ceiling that is no number of bytes (atof reads 500) trims nothing, and says so.
+  Install("[System]\nMaxTotalDirSize=500 KB\nUploadURL=" + receiver.Url() + "\n");
+  auto agent = Start({"-logDir=" + other});
+  EXPECT_TRUE(agent->Wait() && agent->ExitCode() == 0);
+  EXPECT_EQ(agent->Stderr(), "porvane: MaxTotalDirSize \"500 KB\" is not a number of bytes; the log folder is not trimmed\n");
+  EXPECT_EQ(Names(mLogs), (Strings{"k_big.log.tmp", "k_new.log", "k_newest.log"}));
 }
 
 TEST_F(AgentEndToEnd, NothingToRunWithEndsWithOneAndABadArgumentWithTwo) {

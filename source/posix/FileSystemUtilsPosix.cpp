@@ -68,6 +68,74 @@ bool ModeAllowsWrite(const struct stat& inInfo) {
   return (inInfo.st_mode & S_IWOTH) != 0;
 }
 
+// Writes all of inContent to inFd, resuming after a signal.
+bool WriteAll(int inFd, const std::string& inContent) {
+  size_t done = 0;
+  while (done < inContent.size()) {
+    const ssize_t count = ::write(inFd, inContent.data() + done, inContent.size() - done);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return false;
+    if (count == 0) {
+      errno = EIO;
+      return false;
+    }
+    done += static_cast<size_t>(count);
+  }
+  return true;
+}
+
+// The path a chain of links at inPath ends at; the end need not exist. False
+// (errno set) on a loop or an unreadable link.
+bool FollowLinks(const std::string& inPath, std::string& outPath) {
+  std::string sPath = inPath;
+  for (int hops = 0; hops < 40; ++hops) {
+    struct stat info;
+    if (::lstat(sPath.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) {
+      outPath = sPath;
+      return true;
+    }
+    std::vector<char> target(static_cast<size_t>(info.st_size > 0 ? info.st_size : 255) + 2);
+    const ssize_t length = ::readlink(sPath.c_str(), target.data(), target.size());
+    if (length < 0) return false;
+    if (static_cast<size_t>(length) >= target.size()) continue;  // grew meanwhile: read it again
+    const std::string sTarget(target.data(), static_cast<size_t>(length));
+    const std::string sParent = GetParentPath(sPath);
+    sPath = sTarget[0] == '/' || sParent.empty() ? sTarget : AppendPath(sParent, sTarget);
+  }
+  errno = ELOOP;
+  return false;
+}
+
+// Makes a new file beside inTarget for ReplaceWholeFile, mode 0666 less the
+// umask (as a file made by WriteWholeFile); never opens one that was there.
+FileDescriptor CreateSibling(const std::string& inTarget, std::string& outPath) {
+  const std::string sParent = GetParentPath(inTarget);
+  const std::string sStem = "." + GetLeafName(inTarget) + "." + std::to_string(::getpid()) + ".";
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    outPath = sParent.empty() ? sStem + std::to_string(attempt) : AppendPath(sParent, sStem + std::to_string(attempt));
+    FileDescriptor file(
+        ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, 0666));
+    if (file.IsOpen() || errno != EEXIST) return file;
+  }
+  return FileDescriptor();
+}
+
+// Fills and flushes the new file, then puts it in inTarget's place.
+bool CommitSibling(FileDescriptor& ioFile, const std::string& inSibling, const std::string& inTarget,
+                   const struct stat* inOld, const std::string& inContent) {
+  if (inOld != nullptr) {
+    if (::fchmod(ioFile.Get(), inOld->st_mode & 07777) != 0) return false;
+    // Only the superuser may give a file away; anyone else keeps it as theirs.
+    static_cast<void>(::fchown(ioFile.Get(), inOld->st_uid, inOld->st_gid) == 0);
+  }
+  if (!WriteAll(ioFile.Get(), inContent) || ::fsync(ioFile.Get()) != 0) return false;
+  if (const int error = ioFile.Close(); error != 0) {
+    errno = error;
+    return false;
+  }
+  return ::rename(inSibling.c_str(), inTarget.c_str()) == 0;
+}
+
 }  // namespace
 
 const std::string& GetPathSeparator() {
@@ -172,14 +240,41 @@ ReadStatus ReadWholeFile(const std::string& inPath, std::string& outContent) {
 bool WriteWholeFile(const std::string& inPath, const std::string& inContent) {
   FileDescriptor file(::open(inPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0666));
   if (!file.IsOpen()) return false;
-  size_t done = 0;
-  while (done < inContent.size()) {
-    const ssize_t count = ::write(file.Get(), inContent.data() + done, inContent.size() - done);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    done += static_cast<size_t>(count);
-  }
+  if (!WriteAll(file.Get(), inContent)) return false;
   return file.Close() == 0;
+}
+
+bool ReplaceWholeFile(const std::string& inPath, const std::string& inContent) {
+  QVD_ASSERT(!inPath.empty());
+  std::string sTarget;
+  if (!FollowLinks(inPath, sTarget)) return false;
+  struct stat old;
+  const bool exists = ::stat(sTarget.c_str(), &old) == 0;
+  if (!exists && errno != ENOENT) return false;
+  if (exists && !S_ISREG(old.st_mode)) {
+    errno = S_ISDIR(old.st_mode) ? EISDIR : EINVAL;
+    return false;
+  }
+  // A file made read-only stays as it is, as RemovePath leaves it.
+  if (exists && !ModeAllowsWrite(old)) {
+    errno = EACCES;
+    return false;
+  }
+  std::string sSibling;
+  FileDescriptor file = CreateSibling(sTarget, sSibling);
+  if (!file.IsOpen()) return false;
+  if (!CommitSibling(file, sSibling, sTarget, exists ? &old : nullptr, inContent)) {
+    const int error = errno;
+    ::unlink(sSibling.c_str());
+    errno = error;
+    return false;
+  }
+  // The rename is only durable once the folder is on disk too; the new file
+  // is in place either way, so a failure here is no failure of the replace.
+  const std::string sParent = GetParentPath(sTarget);
+  FileDescriptor folder(::open(sParent.empty() ? "." : sParent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder.IsOpen()) static_cast<void>(::fsync(folder.Get()) == 0);
+  return true;
 }
 
 }  // namespace FileSystemUtils

@@ -32,7 +32,9 @@ struct XmlFree {
 // Owns the text that plist_to_xml allocates.
 using XmlOwner = std::unique_ptr<char, XmlFree>;
 
-enum class EditResult { kFailed, kUnchanged, kChanged };
+// kRefused: the root holds the items' key with something other than an
+// array, so the item could not be listed; the file is still written back.
+enum class EditResult { kFailed, kUnchanged, kChanged, kRefused };
 
 // A new item dictionary; keys in the order the platform's serialiser sorts them.
 plist_t NewItem(const std::string& inAppPath) {
@@ -70,7 +72,7 @@ EditResult AddToRoot(plist_t ioRoot, const std::string& inAppPath) {
   if (plist_get_node_type(items) != PLIST_ARRAY) {
     // Adding a key never replaces one that is there: the other value stays,
     // yet the file is rewritten as for any add that found no item.
-    return EditResult::kChanged;
+    return EditResult::kRefused;
   }
   if (FindItem(items, inAppPath) >= 0) return EditResult::kUnchanged;
   plist_array_append_item(items, NewItem(inAppPath));
@@ -134,39 +136,44 @@ EditResult EditLoginItems(std::string& ioBuffer, const std::string& inAppPath, b
     if (!root) return EditResult::kFailed;
   }
   const EditResult edit = inRemove ? RemoveFromRoot(root.get(), inAppPath) : AddToRoot(root.get(), inAppPath);
-  if (edit == EditResult::kChanged) changed = true;
+  if (edit != EditResult::kUnchanged) changed = true;
   if (!changed) return EditResult::kUnchanged;
   Serialise(root.get(), ioBuffer);
-  return EditResult::kChanged;
+  return edit == EditResult::kRefused ? edit : EditResult::kChanged;
 }
 
 // The edit of the property list in inFolder; inRemove selects removal.
-bool UpdatePropertyList(const std::string& inFolder, const std::string& inAppPath, bool inRemove) {
+// kFailed, kRefused (written back, the item not listed), or kChanged for
+// any other success, written or not.
+EditResult UpdatePropertyList(const std::string& inFolder, const std::string& inAppPath, bool inRemove) {
   const std::string sPath = FileSystemUtils::AppendPath(inFolder, kFileName);
   std::string buffer;
   if (FileSystemUtils::PathExists(sPath)) {
-    if (FileSystemUtils::ReadWholeFile(sPath, buffer) != FileSystemUtils::ReadStatus::kComplete) return false;
+    if (FileSystemUtils::ReadWholeFile(sPath, buffer) != FileSystemUtils::ReadStatus::kComplete) {
+      return EditResult::kFailed;
+    }
   } else if (inRemove) {
-    return true;  // nothing to remove from
+    return EditResult::kChanged;  // nothing to remove from
   }
-  switch (EditLoginItems(buffer, inAppPath, inRemove)) {
-    case EditResult::kFailed:
-      return false;
-    case EditResult::kUnchanged:
-      return true;
-    case EditResult::kChanged:
-      break;
-  }
-  return FileSystemUtils::WriteWholeFile(sPath, buffer);
+  const EditResult edit = EditLoginItems(buffer, inAppPath, inRemove);
+  if (edit == EditResult::kFailed || edit == EditResult::kUnchanged) return edit;
+  return FileSystemUtils::WriteWholeFile(sPath, buffer) ? edit : EditResult::kFailed;
 }
 
 // Both operations: the property list as always, then the autostart entry
-// that makes the change take effect on a Linux desktop.
+// that makes the change take effect on a Linux desktop. The entry follows
+// what the list holds, not what was asked: an item the list refused gets
+// none, and a removed item loses its entry whatever the list held. The
+// result is the list's, and false when the entry could not follow it.
 bool UpdateLoginItems(const std::string& inAppPath, bool inRemove) {
   std::string sFolder;
   if (!FindSpecialFolder(kPreferencesFolderId, sFolder, true)) return false;
-  if (!UpdatePropertyList(sFolder, inAppPath, inRemove)) return false;
-  return inRemove ? RemoveAutostartEntry(sFolder, inAppPath) : WriteAutostartEntry(sFolder, inAppPath);
+  const EditResult edit = UpdatePropertyList(sFolder, inAppPath, inRemove);
+  if (inRemove || edit == EditResult::kRefused) {
+    const bool entryGone = RemoveAutostartEntry(sFolder, inAppPath);
+    return edit != EditResult::kFailed && (entryGone || edit == EditResult::kRefused);
+  }
+  return edit != EditResult::kFailed && WriteAutostartEntry(sFolder, inAppPath);
 }
 
 }  // namespace

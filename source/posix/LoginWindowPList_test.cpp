@@ -57,6 +57,11 @@ TEST(LoginWindowPList, FailuresLeaveTheFileAsItWas) {
   for (const std::string bad : {"\x80", "\xC1\xBF", "\xC2\xC0", "\xC2\x7F", "\xE0\x9F\xBF", "\xED\xA0\x80",
                                 "\xE1\x80\xC0", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xE1\x80"})
     EXPECT_FALSE(AddLoginItem("/opt/" + bad)) << bad;
+  ASSERT_TRUE(AddLoginItem("/opt/a") && Names(home / "config/autostart").size() == 2);
   WriteFile(file, text);  // a property list, but not a dictionary
   EXPECT_FALSE(AddLoginItem("/opt/a") || RemoveLoginItem("/opt/a") || ReadFile(file) != text);
+  EXPECT_EQ(Names(home / "config/autostart").size(), 1u) << "a removed item loses its entry whatever the list holds";
+  // An item the list refuses (its key holds no array) is started by nothing either; the add still succeeds.
+  WriteFile(file, "<plist><dict><key>AutoLaunchedApplicationDictionary</key><string>x</string></dict></plist>");
+  EXPECT_TRUE(AddLoginItem("/opt/a") && Names(home / "config/autostart").size() == 1);
 }

@@ -1,6 +1,7 @@
 #include "SystemUtilsPosix.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -58,16 +59,46 @@ std::string MarkerFileName(const std::string& inString) {
   return sName;
 }
 
-// The marker's path for inName, creating its folder chain when missing;
-// false when the folder cannot be found or made.
+// Whether inFolder is a folder (not a link) of the effective user that no
+// one else may enter or change.
+bool IsPrivateFolder(const std::string& inFolder) {
+  struct stat info;
+  return ::lstat(inFolder.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == ::geteuid() &&
+         (info.st_mode & 077) == 0;
+}
+
+// inFolder made with mode 0700 when missing; true when it is then private.
+bool MakePrivateFolder(const std::string& inFolder) {
+  if (::mkdir(inFolder.c_str(), 0700) != 0 && errno != EEXIST) return false;
+  return IsPrivateFolder(inFolder);
+}
+
+// The marker's path for inName, creating its folders when missing; false
+// when the folder cannot be found, made, or trusted.
+//
+// In a folder of the user's own that others may not change (as
+// $XDG_RUNTIME_DIR is), the marker's folders are "Tarvo/Kestrane/
+// RebootCheck", each made like its parent. In a shared one (/tmp, when there
+// is no $XDG_RUNTIME_DIR) those names would be world-writable folders anyone
+// could fill or replace, so the marker lives in "porvane-UID/RebootCheck",
+// both mode 0700 and the user's own, or nowhere.
 bool GetRestartMarkerPath(const std::string& inName, std::string& outPath) {
   const std::string sName = MarkerFileName(inName);
+  std::string sBase;
+  if (!FindSpecialFolder(kStartupItemsFolderId, sBase, true)) return false;
+  struct stat base;
+  if (::stat(sBase.c_str(), &base) != 0) return false;
   std::string sFolder;
-  if (!FindSpecialFolder(kStartupItemsFolderId, sFolder, true)) return false;
-  sFolder = FileSystemUtils::AppendPath(sFolder, "Tarvo");
-  sFolder = FileSystemUtils::AppendPath(sFolder, "Kestrane");
-  sFolder = FileSystemUtils::AppendPath(sFolder, "RebootCheck");
-  if (!FileSystemUtils::PathExists(sFolder) && !FileSystemUtils::CreateDirectoryChain(sFolder)) return false;
+  if (base.st_uid == ::geteuid() && (base.st_mode & 022) == 0) {
+    sFolder = FileSystemUtils::AppendPath(sBase, "Tarvo");
+    sFolder = FileSystemUtils::AppendPath(sFolder, "Kestrane");
+    sFolder = FileSystemUtils::AppendPath(sFolder, "RebootCheck");
+    if (!FileSystemUtils::PathExists(sFolder) && !FileSystemUtils::CreateDirectoryChain(sFolder)) return false;
+  } else {
+    const std::string sOwn = FileSystemUtils::AppendPath(sBase, "porvane-" + std::to_string(::geteuid()));
+    sFolder = FileSystemUtils::AppendPath(sOwn, "RebootCheck");
+    if (!MakePrivateFolder(sOwn) || !MakePrivateFolder(sFolder)) return false;
+  }
   outPath = FileSystemUtils::AppendPath(sFolder, sName);
   return true;
 }

@@ -1,5 +1,7 @@
 #include "SystemUtilsPosix.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "FileSystemUtils.h"
@@ -24,6 +26,24 @@ TEST(SystemUtils, RestartMarkerGoesWithTheLoginItem) {
   EXPECT_TRUE(RemoveFromLoginItems("a", false) && ReadFile(home / "config/loginwindow.plist").empty());
   home.Set("XDG_RUNTIME_DIR", home / "config/loginwindow.plist/run");  // no folder for markers: a restart is assumed
   EXPECT_TRUE(!SetRestartMarker("a") && HasRestartedSinceMarker("a") && !RemoveFromLoginItems("a", false));
+}
+
+TEST(SystemUtils, InASharedFolderTheRestartMarkerLivesInAFolderOfTheUsersOwnOrNowhere) {
+  PrivateHome home;
+  const std::string shared = home / "shared", own = shared + "/porvane-" + std::to_string(geteuid());
+  ASSERT_TRUE(mkdir(shared.c_str(), 0700) == 0 && chmod(shared.c_str(), 01777) == 0);
+  home.Set("XDG_RUNTIME_DIR", shared);  // as /tmp is
+  ASSERT_TRUE(SetRestartMarker("a") && !HasRestartedSinceMarker("a"));
+  EXPECT_EQ(ReadFile(own + "/RebootCheck/0cc175b9c0f1b6a831c399e269772661"), "");
+  struct stat info, inner;
+  EXPECT_TRUE(stat(own.c_str(), &info) == 0 && stat((own + "/RebootCheck").c_str(), &inner) == 0 &&
+              (info.st_mode & 07777) == 0700 && (inner.st_mode & 07777) == 0700);
+  // A folder there that others may enter, or a link, is not trusted: no marker, and a restart is assumed.
+  chmod(own.c_str(), 0750);
+  EXPECT_TRUE(!SetRestartMarker("b") && HasRestartedSinceMarker("a"));
+  ASSERT_TRUE(chmod(own.c_str(), 0700) == 0 && rename(own.c_str(), (own + "x").c_str()) == 0);
+  ASSERT_TRUE(symlink((own + "x").c_str(), own.c_str()) == 0);
+  EXPECT_TRUE(!SetRestartMarker("b") && HasRestartedSinceMarker("a"));
 }
 
 TEST(SystemUtils, VersionTexts) {
