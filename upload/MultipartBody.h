@@ -15,11 +15,12 @@
 // followed by one CR LF. Receivers in the field parse exactly this form; it
 // is kept byte for byte. Nothing compares the boundary with the content.
 //
-// The body is never held whole: the file's bytes are read from the source's
-// descriptor, by position, as the transport asks for them, so a pass needs
-// the same memory for a log of any size. The length is 64 bits wide and is
-// fixed when the body is made, by the source's length: exactly that many of
-// the file's bytes are sent, whatever is appended meanwhile.
+// The body is handed out in pieces of the caller's size, the file's bytes
+// read by position from the source's descriptor as they are asked for, so a
+// caller need hold no more of it than one piece: a pass needs the same memory
+// for a log of any size. The length is 64 bits wide and is fixed when the
+// body is made, by the source's length: exactly that many of the file's bytes
+// are sent, whatever is appended meanwhile.
 #ifndef PORVANE_UPLOAD_MULTIPARTBODY_H
 #define PORVANE_UPLOAD_MULTIPARTBODY_H
 
