@@ -10,7 +10,9 @@ struct ExchangeReport {
   std::string url;      // the receiver URL as sent, without user name or password
   long httpStatus = 0;  // the status line's code; 0 when no reply came
   std::string error;    // why the exchange failed or could not be set up; "" when it did not
-  bool fileShrank = false;  // the file ran out before its length was sent: the exchange was cut short
+  // The file could not supply its length (it shrank, or a read of it failed)
+  // and the exchange was cut short: the entry's trouble, not the receiver's.
+  bool fileShrank = false;
 };
 
 // Receives one report at the end of every exchange, set up or not.

@@ -9,6 +9,7 @@
 #define PORVANE_UPLOAD_UPLOADER_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -39,8 +40,11 @@ class Uploader {
   // exchange ran to its end (an error and a normal end alike, whatever the
   // HTTP status); false when it could not be set up (empty or bad URL). On
   // return IsFinished() is true in both cases. When the file holds fewer
-  // bytes than inSource.length by the time they are read, the exchange ends
-  // early and the report says so (ExchangeReport::fileShrank).
+  // bytes than inSource.length by the time they are read, or a read of it
+  // fails, the exchange ends early and the report says so
+  // (ExchangeReport::fileShrank); bytes beyond inSource.length are not sent.
+  // An exchange in which no byte is sent or received for IdleLimit() ends
+  // like a failed one, its report's error naming the limit.
   virtual bool UploadFile(const UploadSource& inSource, const std::string& inUrl) = 0;
 
   // The same for the file at inFilePath, opened here; its name is the text
@@ -68,6 +72,11 @@ class Uploader {
   // exchange ended. REQUIRES: the observer outlives the uploader.
   void SetObserver(ExchangeObserver* inObserver) { m_observer = inObserver; }
 
+  // How long an exchange may go without sending or receiving a byte before
+  // it is given up (checked about once a second): 300 s unless set.
+  void SetIdleLimit(std::chrono::seconds inLimit) { m_idleLimit = inLimit; }
+  std::chrono::seconds IdleLimit() const { return m_idleLimit; }
+
   // Appends received reply bytes. When they do not fit (capacity - length <
   // inLength + 1) the array grows (16384 to start, doubling while capacity + 1
   // < length + inLength), the bytes are appended, the length advances and a
@@ -93,6 +102,7 @@ class Uploader {
  private:
   const std::atomic<bool>* m_stopRequested = nullptr;
   ExchangeObserver* m_observer = nullptr;
+  std::chrono::seconds m_idleLimit{300};
 };
 
 // A new platform uploader, owned by the caller (delete through Uploader).

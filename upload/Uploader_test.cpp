@@ -2,12 +2,14 @@
 // GetReply), against peers on loopback that answer, misbehave or relay.
 #include "Uploader.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <thread>
+#include <tuple>
 
 #include "ChildProcess.h"
 #include "PrivateHome.h"
@@ -36,30 +38,48 @@ std::string Header(const std::string& inRequest, const std::string& inName) {
   return inRequest.substr(value, inRequest.find("\r\n", value) - value);
 }
 
-class UploaderTest : public ::testing::Test {
+// The body the uploader must send for a file named inName holding inContent.
+std::string Body(const std::string& inBoundary, const std::string& inName, const std::string& inContent) {
+  return "--" + inBoundary + "\r\nContent-Disposition: form-data; name=\"logfile\"; filename=\"" + inName +
+         "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + inContent + "\r\n\r\n--" + inBoundary + "--";
+}
+
+std::string BodyOf(const std::string& inRequest) { return inRequest.substr(inRequest.find("\r\n\r\n") + 4); }
+std::string BoundaryOf(const std::string& inRequest) {
+  const std::string type = Header(inRequest, "Content-Type");
+  return type.substr(type.find('=') + 1);
+}
+
+class UploaderTest : public ::testing::Test, public ExchangeObserver {
  protected:
   UploaderTest() { WriteFile(mLog, "hello world"); }
-  // The reply of one upload of inFile to inUrl; "(none)" when there was none.
-  std::string Upload(const std::string& inUrl, bool inSetUp = true, const std::string& inFile = "") {
+  // The reply of one upload of inFile (or inSource) to inUrl; "(none)" when
+  // there was none. The exchange's report lands in mReport.
+  std::string Upload(const std::string& inUrl, bool inSetUp = true, const std::string& inFile = "",
+                     const UploadSource* inSource = nullptr, int inIdleSeconds = 300) {
     std::unique_ptr<Uploader> uploader(CreateUploader());
-    EXPECT_EQ(uploader->UploadFile(inFile.empty() ? mLog : inFile, inUrl), inSetUp) << inUrl;
+    uploader->SetObserver(this);
+    uploader->SetIdleLimit(std::chrono::seconds(inIdleSeconds));
+    EXPECT_EQ(inSource ? uploader->UploadFile(*inSource, inUrl) : uploader->UploadFile(inFile.empty() ? mLog : inFile, inUrl),
+              inSetUp) << inUrl;
     EXPECT_TRUE(uploader->IsFinished());
     return uploader->GetReply() != nullptr ? uploader->GetReply() : "(none)";
   }
+  void OnExchangeEnded(const ExchangeReport& inReport) override { mReport = inReport; }
   PrivateHome mHome;
-  const std::string mLog = mHome / "usage1.log";
+  const std::string mLog = mHome / "u\"1\r\n%.log";
+  ExchangeReport mReport;
 };
 
 TEST_F(UploaderTest, SendsExactlyTheBodyAndHeadersAndKeepsTheReply) {
   RawServer server(Answer({RawServer::Reply("Hibernate 30\r\n")}));
+  // A quote, CR and LF in the name are escaped; every other byte goes as it is.
   EXPECT_EQ(Upload(server.Url("/a%4Ab%2Fc d?x=%7e")), "Hibernate 30\r\n");
   ASSERT_EQ(server.Requests().size(), 1u);
   const std::string request = server.Requests()[0];
-  const std::string type = Header(request, "Content-Type"), boundary = type.substr(type.find('=') + 1);
+  const std::string type = Header(request, "Content-Type"), boundary = BoundaryOf(request);
   EXPECT_TRUE(boundary.size() >= 16 && boundary.size() <= 25 && boundary.find_first_not_of("0123456789") == std::string::npos);
-  const std::string body = "--" + boundary +
-                           "\r\nContent-Disposition: form-data; name=\"logfile\"; filename=\"usage1.log\"\r\n"
-                           "Content-Type: application/octet-stream\r\n\r\nhello world\r\n\r\n--" + boundary + "--";
+  const std::string body = Body(boundary, "u%221%0D%0A%.log", "hello world");
   EXPECT_EQ(request, "POST /aJb/c%20d?x=~ HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.Port()) +
                          "\r\nAccept: */*\r\nUser-Agent: Mozilla/5.0 (Macintosh; U; PPC Mac OS X; en-us) "
                          "AppleWebKit/125.5.5 (KHTML, like Gecko) Safari/125\r\nContent-Length: " +
@@ -74,12 +94,41 @@ TEST_F(UploaderTest, SendsExactlyTheBodyAndHeadersAndKeepsTheReply) {
                        mHome / "body", type, std::to_string(body.size())},
                       {}, mHome / "python");
   EXPECT_TRUE(python.Wait());
-  EXPECT_EQ(python.Stdout(), "usage1.log|hello world\r\n") << python.Stderr();
-  // A body large enough for libcurl to ask for "100-continue" goes without.
-  WriteFile(mLog, std::string(3 << 20, 'x'));
+  EXPECT_EQ(python.Stdout(), "u%221%0D%0A%.log|hello world\r\n") << python.Stderr();
+  // A body large enough to be streamed from the file, and for libcurl to ask
+  // for "100-continue", goes exactly the same way, without.
+  const std::string big(3 << 20, 'x');
+  WriteFile(mLog, big);
   EXPECT_EQ(Upload(server.Url()), "Hibernate 30\r\n");
+  const std::string streamed = server.Requests().back(), expected = Body(BoundaryOf(streamed), "u%221%0D%0A%.log", big);
+  EXPECT_TRUE(BodyOf(streamed) == expected);
+  EXPECT_EQ(Header(streamed, "Content-Length"), std::to_string(expected.size()));
   for (const char* unwanted : {"Expect", "Transfer-Encoding", "Accept-Encoding"})
-    EXPECT_EQ(Header(server.Requests().back(), unwanted), "") << unwanted;
+    EXPECT_EQ(Header(streamed, unwanted), "") << unwanted;
+}
+
+TEST_F(UploaderTest, SendsTheLengthFixedAtTheOpenAndEndsOnAShortFileOrASilentPeer) {
+  RawServer server(Answer({RawServer::Reply("Active")}));
+  RawServer silent([](RawServer& inServer, int inSocket) { inServer.ReadRequest(inSocket), inServer.ReadRequest(inSocket); });
+  WriteFile(mHome / "big.log", std::string(3 << 20, 'y'));
+  const std::string shrank = "the log file shrank while it was read";
+  // File, length, peer, idle limit in seconds, set up, error. A small body is
+  // read before anything is sent; a large one is cut short mid-way.
+  const std::tuple<std::string, uint64_t, RawServer*, int, bool, std::string> kCases[] = {
+      {mLog, 5, &server, 300, true, ""}, {mLog, 12, &server, 300, false, shrank},
+      {mHome / "big.log", (3 << 20) + 1, &server, 300, true, shrank},
+      {mLog, 11, &silent, 1, true, "no byte sent or received for 1 s"}};
+  for (const auto& [file, length, peer, idle, setUp, error] : kCases) {
+    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    const UploadSource source{fd, length, "k.log"};
+    EXPECT_EQ(Upload(peer->Url(), setUp, "", &source, idle), error.empty() ? "Active" : "(none)") << length;
+    EXPECT_EQ(mReport.error, error) << length;
+    EXPECT_EQ(mReport.fileShrank, error == shrank) << length;
+    close(fd);
+  }
+  // Bytes beyond the length (appended after the open) wait for a later run.
+  EXPECT_EQ(server.Requests().size(), 2u);
+  EXPECT_EQ(BodyOf(server.Requests()[0]), Body(BoundaryOf(server.Requests()[0]), "k.log", "hello"));
 }
 
 TEST_F(UploaderTest, OnlyTheFirstChunkOfAReplyIsDependable) {
