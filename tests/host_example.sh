@@ -3,7 +3,8 @@
 # installed into a private prefix, the example built out of the tree against
 # that prefix twice, with pkg-config and with find_package(Porvane), and each
 # build run against the installed reference receiver until its file has
-# arrived and left the log folder.
+# arrived and left the log folder; its C companion, built alongside, must
+# name the same log folder.
 #
 #   host_example.sh CMAKE BUILD_DIR SOURCE_DIR LIBDIR [FLAGS]
 #
@@ -49,11 +50,11 @@ trap cleanup EXIT
 mkdir "$scratch/pc"
 (cd "$scratch/pc" &&
   PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" make -s -f "$source/examples/host/Makefile" \
-    CXXFLAGS="-O1 $flags" LDFLAGS="-Wl,-rpath,$prefix/$libdir $flags") >"$scratch/pc.log" 2>&1 ||
+    CXXFLAGS="-O1 $flags" CFLAGS="-O1 $flags" LDFLAGS="-Wl,-rpath,$prefix/$libdir $flags") >"$scratch/pc.log" 2>&1 ||
   fail "make with pkg-config: $(cat "$scratch/pc.log")"
 
 "$cmake" -S "$source/examples/host" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
-  -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >"$scratch/cmake.log" 2>&1 &&
+  -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_C_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" >"$scratch/cmake.log" 2>&1 &&
   "$cmake" --build "$scratch/cmake" >>"$scratch/cmake.log" 2>&1 ||
   fail "find_package build: $(cat "$scratch/cmake.log")"
 grep -qx "Porvane_DIR:PATH=$prefix/$libdir/cmake/Porvane" "$scratch/cmake/CMakeCache.txt" ||
@@ -67,14 +68,18 @@ port=$(sed -n 's/.*listening on 127\.0\.0\.1:\([0-9]*\).*/\1/p' "$scratch/receiv
 [ -n "$port" ] || fail "the installed receiver did not start"
 
 logs=$scratch/home/state/Logs/Tarvo/Porvane
-# run_host PROGRAM NAME: the host writes NAME.log and launches a pass, which
-# delivers it.
-run_host() {
-  local program=$1 name=$2 out="$scratch/$2.out"
+# as_user PROGRAM ARGS...: runs a program of the test's private user.
+as_user() {
   env -i PATH=/usr/bin:/bin HOME="$scratch/home" XDG_STATE_HOME="$scratch/home/state" \
     XDG_DATA_HOME="$scratch/home/data" XDG_CONFIG_HOME="$scratch/home/config" XDG_RUNTIME_DIR="$scratch/run" \
-    TMPDIR="$scratch/tmp" receiverURL="http://127.0.0.1:$port/host" noLock=1 "$program" "$name" >"$out" 2>&1 ||
-    fail "$name: the host exited $?: $(cat "$out")"
+    TMPDIR="$scratch/tmp" receiverURL="http://127.0.0.1:$port/host" noLock=1 "$@"
+}
+# run_host BUILD NAME: the C companion says where logs go; the host writes
+# NAME.log there and launches a pass, which delivers it.
+run_host() {
+  local build=$1 name=$2 out="$scratch/$2.out"
+  [ "$(as_user "$build/log_folder")" = "$logs" ] || fail "$name: log_folder said '$(as_user "$build/log_folder" 2>&1)'"
+  as_user "$build/host" "$name" >"$out" 2>&1 || fail "$name: the host exited $?: $(cat "$out")"
   grep -qx "host: wrote $logs/$name.log" "$out" && grep -qx "host: pass started by launching $prefix/bin/porvane" "$out" ||
     fail "$name: the host said: $(cat "$out")"
   for _ in $(seq 300); do
@@ -87,5 +92,5 @@ run_host() {
   [ ! -e "$logs/$name.log" ] || fail "$name: the agent left $name.log in the log folder"
   echo "$name: delivered"
 }
-run_host "$scratch/pc/host" pkgconfig_1
-run_host "$scratch/cmake/host" cmake_1
+run_host "$scratch/pc" pkgconfig_1
+run_host "$scratch/cmake" cmake_1
