@@ -8,10 +8,12 @@
 #ifndef PORVANE_INCLUDE_ASSERT_H
 #define PORVANE_INCLUDE_ASSERT_H
 
+#include "PorvaneExport.h"
+
 namespace qvd {
 
 // Prints the report for a failed assertion and aborts the process.
-[[noreturn]] void AssertionFailed(const char* inExpression, const char* inFile, unsigned inLine);
+[[noreturn]] PORVANE_API void AssertionFailed(const char* inExpression, const char* inFile, unsigned inLine);
 
 }  // namespace qvd
 

@@ -7,9 +7,11 @@
 
 #include <memory>
 
+#include "PorvaneExport.h"
+
 // Owns one descriptor (or none, -1) and closes it when it goes away. Movable,
 // not copyable: exactly one object closes a descriptor.
-class FileDescriptor {
+class PORVANE_API FileDescriptor {
  public:
   explicit FileDescriptor(int inFd = -1) noexcept : mFd(inFd) {}
   ~FileDescriptor() { Close(); }

@@ -13,29 +13,30 @@
 #include <string>
 
 #include "FileDescriptor.h"
+#include "PorvaneExport.h"
 
 namespace FileSystemUtils {
 
 // "/".
-const std::string& GetPathSeparator();
+PORVANE_API const std::string& GetPathSeparator();
 // '/'.
-char GetPathSeparatorChar();
+PORVANE_API char GetPathSeparatorChar();
 
 // The text before the last "/": "" when there is none, "/" when it is the
 // first character ("/a" -> "/"), so a trailing "/" is cut off ("a/b/" -> "a/b").
-std::string GetParentPath(const std::string& inPath);
+PORVANE_API std::string GetParentPath(const std::string& inPath);
 
 // The text after the last "/": the whole path when there is none, "" when the
 // path ends in "/".
-std::string GetLeafName(const std::string& inPath);
+PORVANE_API std::string GetLeafName(const std::string& inPath);
 
 // Joins sPath and sAppend with one "/": one leading "/" of sAppend is dropped
 // (only one: "//y" keeps one), and "/" is added unless sPath ends in one.
 // REQUIRES: both arguments non-empty (asserted).
-std::string AppendPath(const std::string& sPath, const std::string& sAppend);
+PORVANE_API std::string AppendPath(const std::string& sPath, const std::string& sAppend);
 
 // True when something (file, folder, link target) exists at inPath.
-bool PathExists(const std::string& inPath);
+PORVANE_API bool PathExists(const std::string& inPath);
 
 // Removes what is at inPath; true when nothing is left there.
 // - nothing there: true;
@@ -44,13 +45,13 @@ bool PathExists(const std::string& inPath);
 //   (owner bit if the effective user owns it, else group bit if the effective
 //   group is the file's group, else the other bit). There is deliberately no
 //   exception for the superuser: a read-only log file stays where it is.
-bool RemovePath(const std::string& inPath);
+PORVANE_API bool RemovePath(const std::string& inPath);
 
 // Creates sDir with all missing parents, parents first; each new folder takes
 // the mode, owner and group of its parent. True when the folder exists
 // afterwards (an existing folder is success).
 // REQUIRES: GetParentPath(sDir) != sDir (asserted; catches "/").
-bool CreateDirectoryChain(const std::string& sDir);
+PORVANE_API bool CreateDirectoryChain(const std::string& sDir);
 
 // How ReadWholeFile went.
 enum class ReadStatus {
@@ -65,18 +66,18 @@ enum class ReadStatus {
 // closed descriptor, with errno set, when nothing is there, it may not be
 // read, or it is not a regular file (EINVAL for a folder, device, pipe or
 // socket; ELOOP for a looping link). Never blocks on a pipe.
-FileDescriptor OpenRegularFile(const std::string& inPath, struct stat& outInfo);
+PORVANE_API FileDescriptor OpenRegularFile(const std::string& inPath, struct stat& outInfo);
 
 // Reads the regular file at inPath (or what a link there points to) whole
 // into outContent, which is replaced. Folders, devices, pipes and sockets
 // cannot be opened this way, so a reader never blocks on them. Interrupted
 // reads are resumed.
-ReadStatus ReadWholeFile(const std::string& inPath, std::string& outContent);
+PORVANE_API ReadStatus ReadWholeFile(const std::string& inPath, std::string& outContent);
 
 // Creates or truncates the file at inPath (mode 0666 less the umask) and
 // writes inContent. True only when every byte was written and the file closed
 // without error.
-bool WriteWholeFile(const std::string& inPath, const std::string& inContent);
+PORVANE_API bool WriteWholeFile(const std::string& inPath, const std::string& inContent);
 
 // Replaces the file at inPath with inContent so that a reader, or a crash,
 // finds either the old file whole or the new one whole, never a mix or a

@@ -22,32 +22,34 @@
 
 #include <string>
 
+#include "PorvaneExport.h"
+
 // Sets outPath to the folder of inFolderId (table above) and returns true.
 // With inCreate the folder is created with its parents when missing; false
 // when it cannot be found or created. Id 12 always gives "/" and true.
 // REQUIRES: 0 <= inFolderId <= 12; 13 and up fail the assertion
 // !"Invalid FolderID".
-bool FindSpecialFolder(int inFolderId, std::string& outPath, bool inCreate);
+PORVANE_API bool FindSpecialFolder(int inFolderId, std::string& outPath, bool inCreate);
 
 // The user's Library folder ($XDG_STATE_HOME, else ~/.local/state), created
 // with its parents when inCreate is set. False when it cannot be found or
 // created.
-bool FindLibraryFolder(std::string& outPath, bool inCreate);
+PORVANE_API bool FindLibraryFolder(std::string& outPath, bool inCreate);
 
 // The "bundle" of the running program: the parent of the folder that holds
 // the resolved /proc/self/exe (the install prefix: /usr for /usr/bin/porvane,
 // the build tree for build/bin/porvane). True on success.
-bool GetMainBundlePath(std::string& outPath);
+PORVANE_API bool GetMainBundlePath(std::string& outPath);
 
 // The text after the last "/" of the bundle path; false when the bundle path
 // has no "/" or ends in one.
-bool GetMainBundleName(std::string& outName);
+PORVANE_API bool GetMainBundleName(std::string& outName);
 
 // The bundle path without its last component (GetParentPath).
-bool GetMainBundleParent(std::string& outPath);
+PORVANE_API bool GetMainBundleParent(std::string& outPath);
 
 // The running executable's path (/proc/self/exe, resolved); false when it
 // cannot be read. Its folder's parent is the bundle (GetMainBundlePath).
-bool GetMainExecutablePath(std::string& outPath);
+PORVANE_API bool GetMainExecutablePath(std::string& outPath);
 
 #endif  // PORVANE_INCLUDE_FOLDERFINDER_H

@@ -27,6 +27,8 @@
 
 #include <string>
 
+#include "PorvaneExport.h"
+
 // Makes sure an item with inAppPath is in the list, appending one
 // {"Hide" = false, "Path" = inAppPath} when none is. With no file (or an
 // empty one) a new root dictionary is started. A root that holds the key
@@ -36,13 +38,13 @@
 // touched); false when the preferences folder cannot be found or made, the
 // file cannot be read or written, it is not an XML property list with a
 // dictionary at its root, or inAppPath is not valid UTF-8 or holds a NUL byte.
-bool AddLoginItem(const std::string& inAppPath);
+PORVANE_API bool AddLoginItem(const std::string& inAppPath);
 
 // Removes every item whose "Path" is inAppPath. When the list becomes empty
 // the key goes too, and when that leaves the root with no key at all the file
 // is rewritten as an empty file of 0 bytes (not as an empty property list).
 // Returns true on success, including a missing file or an unlisted path (no
 // write); false in the failure cases of AddLoginItem.
-bool RemoveLoginItem(const std::string& inAppPath);
+PORVANE_API bool RemoveLoginItem(const std::string& inAppPath);
 
 #endif  // PORVANE_INCLUDE_LOGINWINDOWPLIST_H

@@ -9,8 +9,10 @@
 #include <cstdint>
 #include <string>
 
+#include "PorvaneExport.h"
+
 // The digest context, following the RFC 1321 reference design.
-struct MD5Digest {
+struct PORVANE_API MD5Digest {
   uint32_t count[2];   // bits hashed so far, low word first
   uint32_t state[4];   // A, B, C, D
   uint8_t buffer[64];  // the input block being filled
@@ -76,11 +78,11 @@ Container& base64Encode(Iterator first, Iterator last, Container& out) {
 // The 24-character base64 text of the MD5 digest of inString's bytes, always
 // ending in "==" and possibly holding "+" and "/".
 // REQUIRES: !inString.empty() (asserted).
-std::string MD5Hash(const std::string& inString);
+PORVANE_API std::string MD5Hash(const std::string& inString);
 
 // The 32-character lower-case hexadecimal text of the same digest, for names
 // that must be plain (file names).
 // REQUIRES: !inString.empty() (asserted).
-std::string MD5HexDigest(const std::string& inString);
+PORVANE_API std::string MD5HexDigest(const std::string& inString);
 
 #endif  // PORVANE_INCLUDE_MD5HASH_H

@@ -5,11 +5,13 @@
 
 #include <string>
 
+#include "PorvaneExport.h"
+
 namespace qvd {
 
 // Owns one dlopen handle: the library stays loaded for the object's life and
 // is released (dlclose) when it goes away. Not copyable.
-class ORUFrameworkBundle {
+class PORVANE_API ORUFrameworkBundle {
  public:
   // Loads inFrameworkName the way the dynamic loader finds a soname (e.g.
   // "libc.so.6"), resolving all its symbols at once. A library already in the

@@ -9,6 +9,7 @@
 #include <cstddef>
 
 #include "ORUFrameworkBundle.h"
+#include "PorvaneExport.h"
 
 namespace qvd {
 
@@ -26,7 +27,7 @@ enum ORUSysFunction {
 // bundle" from the load). The forwarding calls take the C function's
 // arguments and return its result unchanged, errno included: nothing is
 // translated. Not copyable (it owns the loaded library).
-class ORUSysAccessor {
+class PORVANE_API ORUSysAccessor {
  public:
   ORUSysAccessor();
   virtual ~ORUSysAccessor();
@@ -54,7 +55,7 @@ class ORUSysAccessor {
 // The one table of the process. Built by the first call of instance(); if
 // that build throws, the exception reaches that caller and the next call
 // builds again. Destroyed at exit, after main has returned.
-class GlobalORUSysAccessor : public ORUSysAccessor {
+class PORVANE_API GlobalORUSysAccessor : public ORUSysAccessor {
  public:
   // Thread-safe: the language's guard for local statics serialises the build.
   static GlobalORUSysAccessor& instance();

@@ -16,20 +16,22 @@
 #include <utility>
 #include <vector>
 
+#include "PorvaneExport.h"
+
 // Extra environment for a launched program: name/value pairs, set in order.
 using EnvironmentPairs = std::vector<std::pair<std::string, std::string>>;
 
 // "Linux".
-std::string GetPlatformName();
+PORVANE_API std::string GetPlatformName();
 // Sets outName to "linux"; always true.
-bool GetPlatformShortName(std::string& outName);
+PORVANE_API bool GetPlatformShortName(std::string& outName);
 
 // setenv with overwrite; false when the name is rejected (empty, holding "=")
 // or memory runs out.
-bool SetEnvironmentVariable(const std::string& inName, const std::string& inValue);
+PORVANE_API bool SetEnvironmentVariable(const std::string& inName, const std::string& inValue);
 // False, with outValue untouched, when inName is not set; otherwise copies the
 // value (possibly empty) and returns true.
-bool GetEnvironmentVariable(const std::string& inName, std::string& outValue);
+PORVANE_API bool GetEnvironmentVariable(const std::string& inName, std::string& outValue);
 
 // Opens inURL with the desktop's handler: runs "xdg-open <url>" (found
 // through PATH) and waits for it. True only when xdg-open reports success
@@ -37,33 +39,33 @@ bool GetEnvironmentVariable(const std::string& inName, std::string& outValue);
 // UTF-8, holding spaces or control characters, or starting with "-", which
 // xdg-open would read as an option), when xdg-open cannot be run, or when it
 // reports a failure (no handler, no desktop session).
-bool OpenURL(const std::string& inURL);
+PORVANE_API bool OpenURL(const std::string& inURL);
 
 // Sets outPid to the first process in /proc order whose executable
 // (/proc/PID/exe) is the same file-system object (device and inode) as
 // inBundlePath, and returns true; false when no process runs it, or
 // inBundlePath names nothing. Processes of other users whose executable
 // cannot be looked at are passed over.
-bool FindProcessByBundleLocation(const std::string& inBundlePath, pid_t& outPid);
+PORVANE_API bool FindProcessByBundleLocation(const std::string& inBundlePath, pid_t& outPid);
 
 // Runs an event loop (sd-event) with a timer that first fires after
 // inSeconds and then every 1.0 second; the timer's handler ends the loop at
 // its first firing, so the call returns after inSeconds (never before; a
 // negative or NaN time counts as 0). The timer is removed afterwards. False
 // when the loop or the timer could not be made.
-bool RunEventLoopFor(double inSeconds);
+PORVANE_API bool RunEventLoopFor(double inSeconds);
 
 // Adds inAppPath to the current user's login items (AddLoginItem).
 // REQUIRES: inParams.empty() and false == inAllUsers (both asserted): launch
 // parameters and all-users registration are not supported.
-bool AddToLoginItems(const std::string& inAppPath, const std::vector<std::string>& inParams, bool inAllUsers);
+PORVANE_API bool AddToLoginItems(const std::string& inAppPath, const std::vector<std::string>& inParams, bool inAllUsers);
 
 // Removes inAppPath from the current user's login items and clears its
 // restart marker. False at once when inAllUsers is set; false when
 // RemoveLoginItem fails or the marker's folder cannot be made; otherwise
 // whether the marker file is gone (true when there was none).
 // REQUIRES: !inAppPath.empty() (the marker name; asserted).
-bool RemoveFromLoginItems(const std::string& inAppPath, bool inAllUsers);
+PORVANE_API bool RemoveFromLoginItems(const std::string& inAppPath, bool inAllUsers);
 
 // Sets every pair of inEnvironment into this process's environment (setenv,
 // overwrite, in order), then:
@@ -77,7 +79,7 @@ bool RemoveFromLoginItems(const std::string& inAppPath, bool inAllUsers);
 //   the shell reports status 0 (the shell reports the start of a background
 //   job, not the program's fate);
 // - when the path is gone by then, returns false.
-bool LaunchApplication(const std::string& inPath, const EnvironmentPairs& inEnvironment);
+PORVANE_API bool LaunchApplication(const std::string& inPath, const EnvironmentPairs& inEnvironment);
 
 // The shell command of LaunchApplication's last resort: inPath in single
 // quotes followed by " &". Before each single quote the walk inserts
@@ -86,7 +88,7 @@ bool LaunchApplication(const std::string& inPath, const EnvironmentPairs& inEnvi
 // earlier insertions pushed beyond that length stay unescaped. This is how
 // the launcher has always quoted, and it is kept so: "a'b" gives
 // 'a'\''b' & , "x'y'z" gives 'x'\''y'z' & .
-std::string BuildShellLaunchCommand(const std::string& inPath);
+PORVANE_API std::string BuildShellLaunchCommand(const std::string& inPath);
 
 // Asks systemd-logind on the system bus to restart the machine
 // (org.freedesktop.login1.Manager.Reboot, interactive). Returns true only
@@ -95,7 +97,7 @@ std::string BuildShellLaunchCommand(const std::string& inPath);
 //   "Error in AECreateDesc: <n>"                  the bus could not be reached
 //   "Error in AECreateAppleEvent: <n>"            the call could not be built
 //   "Error sending reboot to LoginWindow: <n>"    the call failed
-bool RequestRestart();
+PORVANE_API bool RequestRestart();
 
 // The restart marker: an empty file in the folder of items removed at
 // start-up (special folder 0: $XDG_RUNTIME_DIR, else /tmp), named by the
@@ -109,31 +111,31 @@ bool RequestRestart();
 //
 // Creates the marker for inName; true when it exists afterwards.
 // REQUIRES: !inName.empty() (asserted).
-bool SetRestartMarker(const std::string& inName);
+PORVANE_API bool SetRestartMarker(const std::string& inName);
 // False while the marker for inName exists; true when it does not or its
 // path cannot be made.
 // REQUIRES: !inName.empty() (asserted).
-bool HasRestartedSinceMarker(const std::string& inName);
+PORVANE_API bool HasRestartedSinceMarker(const std::string& inName);
 // The same with the running program's bundle path (GetMainBundlePath) as the
 // name; false when that path is not available.
-bool SetRestartMarker();
-bool HasRestartedSinceMarker();
+PORVANE_API bool SetRestartMarker();
+PORVANE_API bool HasRestartedSinceMarker();
 
 // The kernel release's first three numbers as "major.minor.patch"
 // (FormatKernelRelease of uname's release); empty when uname fails or the
 // release does not start with a number.
-std::string GetSystemVersionString();
+PORVANE_API std::string GetSystemVersionString();
 
 // The dotted numbers at the start of inRelease, three of them, missing ones
 // read as 0: "6.1.0-18-amd64" -> "6.1.0", "5.15" -> "5.15.0",
 // "6.8-rc1" -> "6.8.0". Empty when inRelease does not start with a digit or a
 // number does not fit an unsigned long.
-std::string FormatKernelRelease(const std::string& inRelease);
+PORVANE_API std::string FormatKernelRelease(const std::string& inRelease);
 
 // A binary-coded-decimal system version: bits 8..15 the major number, bits
 // 4..7 the minor, bits 0..3 the fix level, each field's hexadecimal digits
 // read as decimal digits (0x1049 -> "10.4.9", 0x1039 -> "10.3.9"). The fix
 // level has one digit, so 10.4.11 can only show as 10.4.9.
-std::string FormatBCDVersion(uint32_t inVersion);
+PORVANE_API std::string FormatBCDVersion(uint32_t inVersion);
 
 #endif  // PORVANE_INCLUDE_SYSTEMUTILSPOSIX_H

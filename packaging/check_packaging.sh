@@ -11,14 +11,17 @@
 #   check_packaging.sh man MAN_PAGE
 #       groff and man render the page without a single warning.
 #   check_packaging.sh install CMAKE BUILD_DIR
-#       installs the component "integration" into a DESTDIR with prefix /usr,
-#       and into another prefix, and checks where the files land (the manual
-#       pages compressed, the documents), and the service's ExecStart.
+#       installs the components "integration" and "development" into a
+#       DESTDIR with prefix /usr, and into another prefix, and checks where
+#       the files land (the manual pages compressed, the documents, the
+#       headers), the service's ExecStart and porvane.pc's paths.
 #   check_packaging.sh deb CPACK BUILD_DIR
-#       builds the .deb, checks its files, its version, its ExecStart and its
-#       library dependencies, runs the unpacked porvane against the unpacked
-#       receiver, and last has lintian check the package: any error or
-#       warning fails.
+#       builds the three packages (porvane, libporvane1, porvane-dev),
+#       checks their files, versions and library dependencies (porvane needs
+#       neither libporvane1 nor libplist nor libsystemd; the library exports
+#       its face and nothing of its inside), runs the unpacked porvane
+#       against the unpacked receiver, and last has lintian check each
+#       package: any error or warning fails.
 #
 # Exit status: 0 passed, 1 failed, 77 skipped (a tool is missing).
 set -euo pipefail
@@ -89,22 +92,91 @@ check_tree() {
     fail "no changelog.Debian.gz made from packaging/changelog.Debian"
   cmp -s "$doc/copyright" "$here/copyright" || fail "no copyright file from packaging/copyright"
   cmp -s "$doc/receiver.md" "$here/../docs/receiver.md" || fail "no receiver.md from docs/receiver.md"
+  cmp -s "$doc/host.md" "$here/../docs/host.md" || fail "no host.md from docs/host.md"
   local exec_start
   exec_start=$(grep '^ExecStart=' "$service")
   [ "$exec_start" = "ExecStart=/usr/bin/porvane" ] || fail "service has '$exec_start'"
 }
 
+# REQUIRES: $1 is a tree with the component "development" installed with
+# prefix $2.
+check_development_tree() {
+  local root=$1 prefix=$2
+  local pc
+  pc=$(find "$root$prefix/lib" -path '*/pkgconfig/porvane.pc' -print -quit)
+  [ -n "$pc" ] || fail "no porvane.pc under $root$prefix"
+  grep -qx "prefix=$prefix" "$pc" || fail "porvane.pc: $(grep '^prefix=' "$pc"), not $prefix"
+  [ "$(PKG_CONFIG_SYSROOT_DIR="" PKG_CONFIG_PATH="${pc%/*}" pkg-config --variable=agent porvane)" = "$prefix/bin/porvane" ] ||
+    fail "porvane.pc does not name $prefix/bin/porvane"
+  [ -f "$root$prefix/include/porvane/Locations.h" ] || fail "no include/porvane/Locations.h"
+  [ -f "$(dirname "${pc%/*}")/cmake/Porvane/PorvaneConfig.cmake" ] || fail "no PorvaneConfig.cmake beside porvane.pc"
+}
+
 check_install() {
-  local cmake=$1 build=$2
-  DESTDIR="$scratch/root" "$cmake" --install "$build" --prefix /usr --component integration >/dev/null
+  local cmake=$1 build=$2 component
+  need pkg-config
+  for component in integration development; do
+    DESTDIR="$scratch/root" "$cmake" --install "$build" --prefix /usr --component "$component" >/dev/null
+    # The service and porvane.pc follow the prefix chosen at install time,
+    # not at configure time.
+    "$cmake" --install "$build" --prefix "$scratch/opt" --component "$component" >/dev/null
+  done
   check_tree "$scratch/root"
-  # The service follows the prefix chosen at install time, not at configure
-  # time.
-  "$cmake" --install "$build" --prefix "$scratch/opt" --component integration >/dev/null
+  check_development_tree "$scratch/root" /usr
+  check_development_tree "" "$scratch/opt"
   local exec_start
   exec_start=$(grep '^ExecStart=' "$scratch/opt/lib/systemd/user/porvane.service")
   [ "$exec_start" = "ExecStart=$scratch/opt/bin/porvane" ] || fail "service under $scratch/opt has '$exec_start'"
   echo "install tree as expected"
+}
+
+# check_needed DEPENDS FILE...: every library a file names (ELF NEEDED) comes
+# from a package that DEPENDS lists.
+check_needed() {
+  local depends=$1 file soname owner multiarch
+  shift
+  multiarch=$(gcc -print-multiarch 2>/dev/null || echo x86_64-linux-gnu)
+  for file in "$@"; do
+    for soname in $(objdump -p "$file" | awk '$1 == "NEEDED" { print $2 }'); do
+      # Only the host architecture's copy counts (libc6-i386 holds a libm too).
+      owner=$(dpkg -S "*/$multiarch/$soname" 2>/dev/null | awk -F: 'NR == 1 { print $1 }') ||
+        fail "no installed package holds $soname"
+      [ -n "$owner" ] || fail "no installed package holds $soname"
+      case ", $depends," in
+        *", $owner "*|*", $owner,"*) ;;
+        *) fail "$(basename "$file") needs $soname from $owner, not in Depends '$depends'" ;;
+      esac
+    done
+  done
+}
+
+# check_library LIB_DEB DEV_DEB VERSION
+check_library() {
+  local lib=$1 dev=$2 version=$3
+  dpkg-deb -x "$lib" "$scratch/lib"
+  dpkg-deb -x "$dev" "$scratch/dev"
+  [ "$(dpkg-deb -f "$lib" Package) $(dpkg-deb -f "$dev" Package)" = "libporvane1 porvane-dev" ] ||
+    fail "package names of $lib and $dev"
+  local so
+  so=$(find "$scratch/lib" -name 'libporvane.so.1.*' -type f)
+  [ -n "$so" ] && [ -L "$(dirname "$so")/libporvane.so.1" ] || fail "no libporvane.so.1 in libporvane1"
+  objdump -p "$so" | grep -q 'SONAME *libporvane\.so\.1$' || fail "libporvane's SONAME is not libporvane.so.1"
+  check_needed "$(dpkg-deb -f "$lib" Depends)" "$so"
+  # The face is exported, the inside is not.
+  local exported
+  exported=$(nm -D --defined-only "$so")
+  grep -qw GetDefaultLogFolder <<<"$exported" || fail "libporvane does not export GetDefaultLogFolder"
+  ! grep -q StartDetached <<<"$exported" || fail "libporvane exports StartDetached, which is not in its headers"
+  dpkg-deb --ctrl-tarfile "$lib" | tar -xO ./shlibs | grep -q "^libporvane 1 libporvane1 (>= $version)" ||
+    fail "libporvane1 has no shlibs entry for version $version"
+  # The development package: the link, headers, porvane.pc and the CMake
+  # package, for this very version of the library.
+  local in_dev="$scratch/dev$(dirname "${so#"$scratch/lib"}")/libporvane.so"
+  [ "$(readlink "$in_dev")" = libporvane.so.1 ] ||
+    fail "no libporvane.so -> libporvane.so.1 in porvane-dev"
+  check_development_tree "$scratch/dev" /usr
+  [ "$(dpkg-deb -f "$dev" Depends)" = "libporvane1 (= $version)" ] ||
+    fail "porvane-dev depends on '$(dpkg-deb -f "$dev" Depends)'"
 }
 
 check_deb() {
@@ -116,8 +188,10 @@ check_deb() {
   [ -x "$build/bin/porvane" ] || fail "$build/bin/porvane does not exist: build everything first"
   "$cpack" --config "$build/CPackConfig.cmake" -B "$scratch/out" >"$scratch/cpack.log" 2>&1 ||
     fail "cpack failed: $(cat "$scratch/cpack.log")"
-  local deb
+  local deb lib dev
   deb=$(ls "$scratch"/out/porvane_*.deb)
+  lib=$(ls "$scratch"/out/libporvane1_*.deb)
+  dev=$(ls "$scratch"/out/porvane-dev_*.deb)
   dpkg-deb -x "$deb" "$scratch/deb"
   check_tree "$scratch/deb"
   [ -x "$scratch/deb/usr/bin/porvane" ] || fail "no /usr/bin/porvane in the package"
@@ -135,29 +209,22 @@ check_deb() {
   done
   local depends
   depends=$(dpkg-deb -f "$deb" Depends)
-  # Every library a packaged program names (ELF NEEDED) must come from a
-  # package that Depends lists.
   need objdump
-  local program soname owner multiarch
-  multiarch=$(gcc -print-multiarch 2>/dev/null || echo x86_64-linux-gnu)
-  for program in "$scratch"/deb/usr/bin/*; do
-    for soname in $(objdump -p "$program" | awk '$1 == "NEEDED" { print $2 }'); do
-      # Only the host architecture's copy counts (libc6-i386 holds a libm too).
-      owner=$(dpkg -S "*/$multiarch/$soname" 2>/dev/null | awk -F: 'NR == 1 { print $1 }') ||
-        fail "no installed package holds $soname"
-      [ -n "$owner" ] || fail "no installed package holds $soname"
-      case ", $depends," in
-        *", $owner "*|*", $owner,"*) ;;
-        *) fail "$(basename "$program") needs $soname from $owner, not in Depends '$depends'" ;;
-      esac
-    done
-  done
+  need nm
+  check_needed "$depends" "$scratch"/deb/usr/bin/*
+  # The programs link the static libraries, and the agent's part of them
+  # needs neither libplist nor libsystemd.
+  case "$depends" in
+    *libporvane*|*libplist*|*libsystemd*) fail "porvane depends on '$depends'" ;;
+  esac
   run_unpacked "$scratch/deb"
   echo "package $(basename "$deb") as expected; Depends: $depends"
+  check_library "$lib" "$dev" "$version"
+  echo "packages $(basename "$lib") and $(basename "$dev") as expected"
 
   need lintian
   local findings status=0
-  findings=$(lintian --fail-on error,warning "$deb" 2>&1) || status=$?
+  findings=$(lintian --fail-on error,warning "$deb" "$lib" "$dev" 2>&1) || status=$?
   if [ "$status" -ne 0 ] || grep -q '^[EW]: ' <<<"$findings"; then
     fail "lintian (status $status): $findings"
   fi

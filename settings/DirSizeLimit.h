@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "PorvaneExport.h"
+
 // The ceiling a missing or empty value stands for.
 inline constexpr double kDefaultMaxTotalDirSize = 500000;
 
@@ -21,6 +23,6 @@ inline constexpr double kDefaultMaxTotalDirSize = 500000;
 // "nan", a unit ("500 KB"), a word. atof would read such a text as 0, -5,
 // 500 or 16, and a ceiling of 0 deletes every log; a value that is not a
 // number of bytes therefore trims nothing.
-bool ParseMaxTotalDirSize(const std::string& inText, double& outLimit);
+PORVANE_API bool ParseMaxTotalDirSize(const std::string& inText, double& outLimit);
 
 #endif  // PORVANE_SETTINGS_DIRSIZELIMIT_H

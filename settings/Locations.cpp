@@ -1,5 +1,8 @@
 #include "Locations.h"
 
+#include <cstring>
+#include <vector>
+
 #include "FileSystemUtils.h"
 #include "FolderFinder.h"
 #include "SettingsFile.h"
@@ -80,5 +83,38 @@ int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder) {
     outSettingsFilePath = settingsFolder + kSettingsFileName;
     status = kLocationOk;
   }
+  return status;
+}
+
+int GetMaxTotalDirSize(std::string& outValue) {
+  std::string executable, config, container;
+  if (GetInstallPaths(executable, config, container) != kLocationOk) return kLocationNotFound;
+  outValue = ReadInstallSettings(config).maxTotalDirSize;
+  return kLocationOk;
+}
+
+extern "C" int GetDefaultLogFolder(char* ioBuffer, unsigned int* ioSize) {
+  std::string settings, logFolder;
+  const int status = GetUserPaths(settings, logFolder);
+  if (status != kLocationOk) return status;
+  const std::size_t needed = logFolder.size() + 1;
+  if (needed > *ioSize) {
+    *ioSize = static_cast<unsigned int>(needed);
+    return kBufferTooSmall;
+  }
+  std::strncpy(ioBuffer, logFolder.c_str(), *ioSize);
+  *ioSize = static_cast<unsigned int>(needed);
+  return kLocationOk;
+}
+
+int GetDefaultLogFolder(std::string& outFolder) {
+  unsigned int size = 1024;
+  std::vector<char> buffer(size);
+  int status = GetDefaultLogFolder(buffer.data(), &size);
+  if (status == kBufferTooSmall) {
+    buffer.assign(size, '\0');
+    status = GetDefaultLogFolder(buffer.data(), &size);
+  }
+  if (status == kLocationOk) outFolder = buffer.data();
   return status;
 }

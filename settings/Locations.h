@@ -1,16 +1,24 @@
 // Where the agent's installation, logs and user settings are.
 //
 // Status codes: 0 success; 4 location not found; 5 the settings folder could
-// not be created; 8 the log folder could not be created.
+// not be created; 7 the caller's buffer is too small; 8 the log folder could
+// not be created.
+//
+// Hosts and installers call these too (libporvane): a host asks
+// GetDefaultLogFolder where to write its logs.
 #ifndef PORVANE_SETTINGS_LOCATIONS_H
 #define PORVANE_SETTINGS_LOCATIONS_H
 
 #include <string>
 
+#include "DefaultLogFolder.h"
+#include "PorvaneExport.h"
+
 enum LocationStatus {
   kLocationOk = 0,
   kLocationNotFound = 4,
   kSettingsFolderNotCreated = 5,
+  kBufferTooSmall = PORVANE_BUFFER_TOO_SMALL,
   kLogFolderNotCreated = 8,
 };
 
@@ -22,7 +30,9 @@ enum LocationStatus {
 // "/porvane/share/porvane/Porvane.cfg"). The prefix is the parent of the
 // folder holding /proc/self/exe, which is read once. Returns 0, or 4 (the
 // outputs untouched) when the running executable cannot be located.
-int GetInstallPaths(std::string& outExecutablePath, std::string& outConfigPath,
+// Called from a host, this answers for an agent carried inside that host,
+// not for the one installed system-wide.
+PORVANE_API int GetInstallPaths(std::string& outExecutablePath, std::string& outConfigPath,
                     std::string& outContainerPath);
 
 // What the agent takes from the installation settings file (section
@@ -34,7 +44,7 @@ struct InstallSettings {
 
 // Reads the installation settings file at inConfigPath once. A file that
 // cannot be read gives the defaults.
-InstallSettings ReadInstallSettings(const std::string& inConfigPath);
+PORVANE_API InstallSettings ReadInstallSettings(const std::string& inConfigPath);
 
 // The user settings file ($XDG_DATA_HOME/Tarvo/Porvane/UserSettings.cfg) and
 // the default log folder ($XDG_STATE_HOME/Logs/Tarvo/Porvane), creating their
@@ -51,6 +61,17 @@ InstallSettings ReadInstallSettings(const std::string& inConfigPath);
 // folder is found (0 with outLogFolder untouched), and a base data folder
 // that cannot be made still lets a found log folder give 0 (with
 // outSettingsFilePath untouched).
-int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder);
+PORVANE_API int GetUserPaths(std::string& outSettingsFilePath, std::string& outLogFolder);
+
+// The installation's "MaxTotalDirSize" (section "System" of the settings
+// file GetInstallPaths names), or "500000" when it is missing or empty: a
+// decimal text, read as the trim reads it. Returns 0, or 4 with outValue
+// untouched when GetInstallPaths fails.
+PORVANE_API int GetMaxTotalDirSize(std::string& outValue);
+
+// The default log folder as a string: the buffer form (DefaultLogFolder.h)
+// with 1024 bytes first, and once more with the size it asks for when that
+// was too small. Returns that form's status; outFolder is set only on 0.
+PORVANE_API int GetDefaultLogFolder(std::string& outFolder);
 
 #endif  // PORVANE_SETTINGS_LOCATIONS_H

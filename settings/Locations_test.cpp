@@ -52,3 +52,30 @@ TEST(LocationsTest, InstallPathsAndSettingsOfAHost) {
   for (const auto& [name, want] : {std::pair{"a", "1234 http://h/u"}, {"b", "500000 x"}, {"none", "500000 "}})
     EXPECT_EQ(ReadInstallSettings(dir / name).maxTotalDirSize + " " + ReadInstallSettings(dir / name).uploadUrl, want);
 }
+
+// The buffer form copies a folder of size - 1 characters and answers 7 with
+// the size it needs for one character more, leaving the buffer alone; the
+// string form asks again when 1024 bytes are not enough.
+TEST(LocationsTest, DefaultLogFolderInABufferOrAString) {
+  PrivateHome home;
+  const std::string logs = home.LogFolder();
+  const unsigned needed = static_cast<unsigned>(logs.size() + 1);
+  for (const unsigned size : {needed, needed - 1}) {
+    std::string buffer(needed + 1, '#');
+    unsigned ioSize = size;
+    SCOPED_TRACE(size);
+    ASSERT_EQ(GetDefaultLogFolder(&buffer[0], &ioSize), size == needed ? kLocationOk : kBufferTooSmall);
+    EXPECT_EQ(ioSize, needed);
+    EXPECT_EQ(buffer, size == needed ? logs + '\0' + '#' : std::string(needed + 1, '#'));
+  }
+  std::string deep = home.Root();
+  for (const char c : {'s', 't', 'u', 'v', 'w'}) deep += "/" + std::string(200, c);
+  home.Set("XDG_STATE_HOME", deep);
+  std::string folder;
+  ASSERT_EQ(GetDefaultLogFolder(folder), kLocationOk);
+  EXPECT_EQ(folder, deep + "/Logs/Tarvo/Porvane");
+  EXPECT_TRUE(fs::is_directory(folder));
+  std::string size;
+  EXPECT_EQ(GetMaxTotalDirSize(size), kLocationOk);
+  EXPECT_EQ(size, "500000");
+}

@@ -11,18 +11,20 @@
 #include <map>
 #include <string>
 
+#include "PorvaneExport.h"
+
 // The characters trimmed from names and values: space, tab, CR, LF.
-extern const char* const kSettingsTrimCharacters;
+PORVANE_API extern const char* const kSettingsTrimCharacters;
 
 // A copy of inText without leading and trailing characters of inCharacters;
 // an all-blank text gives "".
-std::string TrimString(const std::string& inText, const char* inCharacters = kSettingsTrimCharacters);
+PORVANE_API std::string TrimString(const std::string& inText, const char* inCharacters = kSettingsTrimCharacters);
 
 // Folds ioText to lower case in place with tolower, byte by byte, and returns
 // a copy of the result.
-std::string ToLower(std::string& ioText);
+PORVANE_API std::string ToLower(std::string& ioText);
 
-class SettingsFile {
+class PORVANE_API SettingsFile {
  public:
   SettingsFile() = default;
   SettingsFile(const SettingsFile&) = delete;
