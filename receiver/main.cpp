@@ -3,6 +3,7 @@
 // then serves, on loopback unless told otherwise, until SIGTERM or SIGINT.
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <boost/system/system_error.hpp>
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <system_error>
 #include <vector>
 
+#include "BasicAuth.h"
 #include "LinePrinter.h"
 #include "ReceiverOptions.h"
 #include "ReceiverServer.h"
@@ -59,10 +61,17 @@ int main(int argc, char** argv) {
   ReplyPolicy policy;
   if (!options.policyFile.empty() && !policy.Read(options.policyFile))
     return Fail("cannot read policy file " + options.policyFile, 2);
+  BasicAuth auth;
+  if (!options.authFile.empty()) {
+    error = auth.Read(options.authFile);
+    if (!error.empty()) return Fail("bad user file: " + error, 2);
+  }
 
-  Spool spool(options.spoolFolder);
-  UploadHandler handler(spool, policy);
-  LinePrinter printer(stdout);
+  Spool spool(options.spoolFolder, options.maxSpoolBytes);
+  UploadHandler handler(spool, policy, options.authFile.empty() ? nullptr : &auth);
+  // Declared before the server, so that it outlives it: at the end it says
+  // how many lines a stalled reader missed.
+  LinePrinter printer(STDOUT_FILENO, STDERR_FILENO);
   try {
     ReceiverServer server(handler, printer, options);
     const bool tls = !options.certificateFile.empty();
