@@ -72,6 +72,23 @@ TEST(UploadHandler, StreamsTheFileToTheSpoolOrGivesTheReason) {
   EXPECT_EQ("\r\n--Bx\r\n", ReadFile(dir + "/u3_a\n\x7f.1"));
 }
 
+// The guide's Python example, run as it stands on the agent's body, strips
+// the extra CR LF for the agent and for no other client.
+TEST(ReceiverGuide, PythonExampleDropsOnlyTheAgentsCrLf) {
+  PrivateHome home;
+  const std::string guide = ReadFile(PORVANE_SOURCE_DIR "/docs/receiver.md"), start = "```python\n";
+  const size_t from = guide.find(start) + start.size();
+  WriteFile(home / "body", Body("u1_x", "a\r\n"));
+  for (const std::string agent : {kAgentUserAgent, "curl/7.88.1"}) {
+    ChildProcess python({"/usr/bin/python3", "-c", guide.substr(from, guide.find("```", from) - from) +
+                         "import sys\nsys.stdout.buffer.write(repr(logfile('multipart/form-data; boundary=B', "
+                         "sys.argv[1], open(sys.argv[2], 'rb').read())).encode())", agent, home / "body"}, {}, home / "py");
+    ASSERT_TRUE(python.Wait());
+    EXPECT_EQ(agent == kAgentUserAgent ? "('u1_x', b'a\\r\\n')" : "('u1_x', b'a\\r\\n\\r\\n')", python.Stdout())
+        << python.Stderr();
+  }
+}
+
 namespace {
 
 // A connection to 127.0.0.1:inPort from inSource; answers are waited for 5 s.
