@@ -269,14 +269,28 @@ class Session : public std::enable_shared_from_this<Session<Stream>> {
   }
 
   // Over TLS a close_notify first, so that the client can tell our close
-  // from a cut connection.
+  // from a cut connection. Over plain TCP our side is shut first and what
+  // the client still sends (a body we answered early) is read and dropped
+  // for a while: closing on unread bytes resets the connection, and the
+  // reset can destroy the answer on its way.
   void Close() {
     if constexpr (!kTls) {
-      CloseTcp();
+      error_code ignored;
+      Tcp().socket().shutdown(tcp::socket::shutdown_send, ignored);
+      Tcp().expires_after(kShutdownTimeout);
+      Drain();
     } else {
       Tcp().expires_after(kShutdownTimeout);
       mStream.async_shutdown([self = Self()](error_code) { self->CloseTcp(); });
     }
+  }
+
+  void Drain() {
+    mBuffer.consume(mBuffer.size());
+    Tcp().async_read_some(mBuffer.prepare(kHeaderBufferBytes), [self = Self()](error_code inError, size_t) {
+      if (inError) return self->CloseTcp();
+      self->Drain();
+    });
   }
 
   void CloseTcp() {
