@@ -1,10 +1,12 @@
 // The reference receiver: what it makes of one request, and the program as
 // operators, attackers and the agent meet it.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "ChildProcess.h"
@@ -121,15 +123,6 @@ std::string Exchange(int inFd, const std::string& inRequest) {
   }
 }
 
-// The port a receiver started some other way than ReceiverProcess reports.
-int PortOf(const ChildProcess& inReceiver) {
-  const std::string kListening = "porvane-receiver: listening on 127.0.0.1:";
-  int port = 0;
-  Eventually([&] { return inReceiver.Stdout().rfind(kListening, 0) == 0 &&
-                          (port = std::atoi(inReceiver.Stdout().c_str() + kListening.size())) != 0; });
-  return port;
-}
-
 const char kUsers[] =
     "# who may upload\nagent:$6$porvanesalt$xDLI89xYXbb74eJjKXrBp4BsijjrP20qFz7I02w3QmoG29oPC4xPVLq2tXD9ivMIpvFs9vZxdNNGPbuwKl"
     "Gdu0\n";
@@ -224,15 +217,18 @@ TEST(ReceiverProgram, SilentClientsHugeHeadersAndAStalledReaderHoldUpNoOne) {
   EXPECT_EQ(0, recv(slow.front(), &byte, 1, 0));  // closed within 5 s
   for (int fd : slow) close(fd);
 
-  // Headers that announce two bodies of 1 GiB reserve nothing, even where
+  // Two bodies that announce 1 GiB and send a byte reserve nothing, even where
   // the address space would not hold them; a reader of the output that
   // stops costs lines, which are counted once it reads again.
-  const std::string go = home / "go";
-  ChildProcess limited({"/bin/sh", "-c", "ulimit -v 1500000; \"$0\" --port 0 --spool \"$1\" | { IFS= read -r l; "
-                        "echo \"$l\"; while [ ! -e \"$2\" ]; do sleep 0.1; done; cat >/dev/null; }",
-                        BuiltProgram("porvane-receiver"), home / "spool2", go}, {}, home / "limited");
-  const int port = PortOf(limited);
-  const std::string huge = "POST / HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=B\r\nContent-Length: 1073741824\r\n\r\n";
+  const std::string fifo = home / "out";
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  ChildProcess limited({"/bin/sh", "-c", "ulimit -v 1500000; exec \"$0\" --port 0 --spool \"$1\" >\"$2\"",
+                        BuiltProgram("porvane-receiver"), home / "spool2", fifo}, {}, home / "limited");
+  const int output = open(fifo.c_str(), O_RDONLY | O_CLOEXEC);
+  std::string listening;
+  for (char c = 0; c != '\n' && read(output, &c, 1) == 1;) listening += c;
+  const int port = std::atoi(listening.c_str() + listening.rfind(':') + 1);
+  const std::string huge = "POST / HTTP/1.1\r\nContent-Type: multipart/form-data; boundary=B\r\nContent-Length: 1073741824\r\n\r\n-";
   const int first = Connect(port), second = Connect(port), fd = Connect(port);
   send(first, huge.data(), huge.size(), MSG_NOSIGNAL);
   send(second, huge.data(), huge.size(), MSG_NOSIGNAL);
@@ -242,10 +238,14 @@ TEST(ReceiverProgram, SilentClientsHugeHeadersAndAStalledReaderHoldUpNoOne) {
   int answered = 0;
   while (answered < 5000 && Exchange(fd, request).find("400 Bad Request") != std::string::npos) ++answered;
   EXPECT_EQ(5000, answered);
-  WriteFile(go, "");
   close(first);
   close(second);
   close(fd);
-  EXPECT_TRUE(Eventually([&] { return limited.Stderr().find(" output lines dropped: ") != std::string::npos; }))
-      << limited.Stderr();
+  fcntl(output, F_SETFL, O_NONBLOCK);
+  EXPECT_TRUE(Eventually([&] {
+    for (char buffer[4096]; read(output, buffer, sizeof buffer) > 0;) {
+    }
+    return limited.Stderr().find(" output lines dropped: ") != std::string::npos;
+  })) << limited.Stderr();
+  close(output);
 }
