@@ -29,9 +29,10 @@ int Fail(const std::string& inMessage, int inStatus) {
 }
 
 // Load generators open many connections at once; the usual soft limit of
-// 1024 descriptors would refuse them before kMaxConnections is reached.
+// 1024 descriptors would refuse them before kMaxConnections is reached. Each
+// connection may hold a temporary file in the spool as well.
 void AllowEnoughDescriptors() {
-  const rlim_t kWanted = ReceiverServer::kMaxConnections + 64;
+  const rlim_t kWanted = 2 * ReceiverServer::kMaxConnections + 64;
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWanted) return;
   limit.rlim_cur = std::min(kWanted, limit.rlim_max);
