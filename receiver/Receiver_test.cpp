@@ -177,11 +177,13 @@ TEST(ReceiverProgram, LetsInOnlyItsUsersAndOnlyAsMuchAsItTakes) {
   EXPECT_EQ("line\r\n", ReadFile(home / "spool/u5_\"q.log")) << agent.Stderr();
   WriteFile(home / "big", std::string(2100, 'b'));
   WriteFile(home / "half", std::string(1500, 'h'));
+  WriteFile(home / "rest", std::string(1494, 'r'));  // with the agent's 6 bytes and "half", the spool is full
   const std::pair<std::vector<std::string>, std::string> kCases[] = {
       {{"-F", "logfile=@" + home / "half"}, "unauthorized 401"},
       {{"-u", "agent:wrong", "-F", "logfile=@" + home / "half"}, "unauthorized 401"},
       {{"-u", "agent:pa55word", "-F", "logfile=@" + home / "big"}, "body limit exceeded 413"},
       {{"-u", "agent:pa55word", "-F", "logfile=@" + home / "half"}, "Active 200"},
+      {{"-u", "agent:pa55word", "-F", "logfile=@" + home / "rest"}, "Active 200"},
       {{"-u", "agent:pa55word", "-F", "logfile=@" + home / "half"}, "cannot store \"half\": spool full 507"}};
   for (const auto& [args, expected] : kCases) {
     std::vector<std::string> command{"/usr/bin/curl", "-sS", "--noproxy", "*", "-w", " %{http_code}"};
@@ -191,7 +193,7 @@ TEST(ReceiverProgram, LetsInOnlyItsUsersAndOnlyAsMuchAsItTakes) {
     curl.Wait();
     EXPECT_EQ(expected, curl.Stdout()) << args.front();
   }
-  EXPECT_EQ((std::vector<std::string>{"half", "u5_\"q.log"}), Names(home / "spool"));
+  EXPECT_EQ((std::vector<std::string>{"half", "rest", "u5_\"q.log"}), Names(home / "spool"));
 }
 
 TEST(ReceiverProgram, SilentClientsHugeHeadersAndAStalledReaderHoldUpNoOne) {
