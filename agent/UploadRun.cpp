@@ -11,6 +11,7 @@
 #include "Diagnostics.h"
 #include "FileSystemUtils.h"
 #include "LogFolderScan.h"
+#include "LogKind.h"
 #include "ReceiverReply.h"
 #include "Uploader.h"
 #include "UsageStatus.h"
@@ -35,13 +36,8 @@ const unsigned kFinishWaitSeconds = 1000;
 
 bool Stopped(const RunSettings& inRun) { return inRun.stop.stopRequested.load(); }
 
-// The kind of log: the file name up to its first "_"; "" without a "_".
-std::string SectionOf(const std::string& inFilePath) {
-  const std::string sName = FileSystemUtils::GetLeafName(inFilePath);
-  const std::string::size_type underscore = sName.find('_');
-  if (underscore == std::string::npos) return std::string();
-  return sName.substr(0, underscore);
-}
+// The kind of log: the status section of the file's name.
+std::string SectionOf(const std::string& inFilePath) { return LogKindOf(FileSystemUtils::GetLeafName(inFilePath)); }
 
 // The delay after inDelayMs: doubled in 32 bits without a cap. Unsigned
 // arithmetic makes the wrap well-defined; the conversion back is modular

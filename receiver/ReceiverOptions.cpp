@@ -6,34 +6,44 @@
 
 const char* const kReceiverUsage =
     "usage: porvane-receiver --spool DIR [--listen ADDR] [--port N] [--policy FILE]\n"
-    "                        [--delay-ms N] [--cert FILE --key FILE]\n"
+    "                        [--auth FILE] [--cert FILE --key FILE] [--delay-ms N]\n"
+    "                        [--header-timeout S] [--max-per-address N]\n"
+    "                        [--max-body BYTES] [--max-spool BYTES]\n"
     "  Accepts multipart/form-data uploads over HTTP/1.1, or HTTPS with --cert and\n"
-    "  --key, stores each \"logfile\" part as DIR/<file name> and answers with the\n"
-    "  policy's reply for the file's kind, until SIGTERM or SIGINT. Prints\n"
-    "  \"porvane-receiver: listening on ADDR:PORT\" (an IPv6 address in brackets,\n"
-    "  followed by \" (TLS)\" for HTTPS), then one line per request:\n"
-    "  \"kind=KIND file=NAME bytes=N answer=REPLY\" or \"rejected status=S reason=TEXT\"\n"
-    "  (status 0: a failed TLS handshake).\n"
-    "  --spool DIR      folder for received files (created if missing)\n"
-    "  --listen ADDR    numeric IPv4 or IPv6 address to listen on; default 127.0.0.1\n"
-    "  --port N         port to listen on; 0 (the default) picks a free one\n"
-    "  --policy FILE    [Policy] section: <kind>=<reply>, *=<reply>; default Active\n"
-    "  --delay-ms N     wait N milliseconds before each answer\n"
-    "  --cert FILE      PEM certificate chain, the server's own first; needs --key\n"
-    "  --key FILE       PEM private key of that certificate, unencrypted\n"
-    "  --help           print this text\n"
+    "  --key, stores each \"logfile\" part as DIR/<file name> (DIR/<file name>.1 and\n"
+    "  so on when that is taken) and answers with the policy's reply for the\n"
+    "  file's kind, until SIGTERM or SIGINT. Prints \"porvane-receiver: listening on\n"
+    "  ADDR:PORT\" (an IPv6 address in brackets, followed by \" (TLS)\" for HTTPS),\n"
+    "  then one line per request: \"kind=KIND file=NAME bytes=N answer=REPLY\" or\n"
+    "  \"rejected status=S reason=TEXT\" (status 0: no answer could be given).\n"
+    "  --spool DIR           folder for received files (created if missing)\n"
+    "  --listen ADDR         numeric IPv4 or IPv6 address; default 127.0.0.1\n"
+    "  --port N              port to listen on; 0 (the default) picks a free one\n"
+    "  --policy FILE         [Policy] section: <kind>=<reply>, *=<reply>; default Active\n"
+    "  --auth FILE           HTTP Basic users, lines of user:crypt-hash; others get 401\n"
+    "  --cert FILE           PEM certificate chain, the server's own first; needs --key\n"
+    "  --key FILE            PEM private key of that certificate, unencrypted\n"
+    "  --delay-ms N          wait N milliseconds before each answer\n"
+    "  --header-timeout S    seconds for the TLS handshake and first headers; default 10\n"
+    "  --max-per-address N   connections per client address still without headers;\n"
+    "                        default 16, 0 for no limit (behind a proxy)\n"
+    "  --max-body BYTES      largest request body, else 413; default 1073741824\n"
+    "  --max-spool BYTES     most bytes the spool holds, else 507; default no limit\n"
+    "  --help                print this text\n"
     "  Exit status: 0 after SIGTERM or SIGINT, 1 when the address cannot be bound,\n"
-    "  2 for a bad command line, spool, policy, certificate or key.\n";
+    "  2 for a bad command line, spool, policy, user file, certificate or key.\n";
 
 namespace {
 
-// Parses a whole decimal number in [0, inMax]; false when it is not one.
-bool ParseNumber(const std::string& inText, long inMax, int& outValue) {
-  if (inText.empty() || inText.find_first_not_of("0123456789") != std::string::npos) return false;
+// Parses a whole decimal number in [inMin, inMax]; false when it is not one.
+bool ParseNumber(const std::string& inText, unsigned long long inMin, unsigned long long inMax,
+                 unsigned long long& outValue) {
+  if (inText.empty() || inText.size() > 19 || inText.find_first_not_of("0123456789") != std::string::npos)
+    return false;
   errno = 0;
-  long value = std::strtol(inText.c_str(), nullptr, 10);
-  if (errno != 0 || value > inMax) return false;
-  outValue = static_cast<int>(value);
+  unsigned long long value = std::strtoull(inText.c_str(), nullptr, 10);
+  if (errno != 0 || value < inMin || value > inMax) return false;
+  outValue = value;
   return true;
 }
 
@@ -41,12 +51,37 @@ bool ParseNumber(const std::string& inText, long inMax, int& outValue) {
 const std::pair<const char*, std::string ReceiverOptions::*> kPathOptions[] = {
     {"--spool", &ReceiverOptions::spoolFolder},
     {"--policy", &ReceiverOptions::policyFile},
+    {"--auth", &ReceiverOptions::authFile},
     {"--cert", &ReceiverOptions::certificateFile},
     {"--key", &ReceiverOptions::keyFile}};
+
+// The options whose value is a number: name, what the message calls it,
+// bounds, and where it goes (an int or an unsigned long long member).
+struct NumberOption {
+  const char* name;
+  const char* what;
+  unsigned long long min;
+  unsigned long long max;
+  int ReceiverOptions::* intMember;
+  unsigned long long ReceiverOptions::* bigMember;
+};
+const NumberOption kNumberOptions[] = {
+    {"--port", "port", 0, 65535, &ReceiverOptions::port, nullptr},
+    {"--delay-ms", "delay", 0, 3600000, &ReceiverOptions::delayMs, nullptr},
+    {"--header-timeout", "header time-out", 1, 3600, &ReceiverOptions::headerTimeoutSeconds, nullptr},
+    {"--max-per-address", "connection count", 0, 1000000, &ReceiverOptions::maxPerAddress, nullptr},
+    {"--max-body", "body size", 0, 1ull << 50, nullptr, &ReceiverOptions::maxBodyBytes},
+    {"--max-spool", "spool size", 0, 1ull << 60, nullptr, &ReceiverOptions::maxSpoolBytes}};
 
 std::string ReceiverOptions::* PathOption(const std::string& inName) {
   for (const auto& [name, member] : kPathOptions)
     if (inName == name) return member;
+  return nullptr;
+}
+
+const NumberOption* FindNumberOption(const std::string& inName) {
+  for (const NumberOption& option : kNumberOptions)
+    if (inName == option.name) return &option;
   return nullptr;
 }
 
@@ -62,18 +97,21 @@ std::string ParseReceiverOptions(const std::vector<std::string>& inArgs, Receive
     std::string name = inArgs[i];
     std::string value;
     size_t equals = name.find('=');
+    const NumberOption* number = FindNumberOption(name.substr(0, equals));
     if (equals != std::string::npos) {
       value = name.substr(equals + 1);
       name.erase(equals);
-    } else if (name == "--port" || name == "--delay-ms" || name == "--listen" || PathOption(name) != nullptr) {
+    } else if (name == "--listen" || number != nullptr || PathOption(name) != nullptr) {
       if (i + 1 == inArgs.size()) return "option " + name + " needs a value";
       value = inArgs[++i];
     }
     boost::system::error_code addressError;
-    if (name == "--port") {
-      if (!ParseNumber(value, 65535, outOptions.port)) return "bad port '" + value + "'";
-    } else if (name == "--delay-ms") {
-      if (!ParseNumber(value, 3600000, outOptions.delayMs)) return "bad delay '" + value + "'";
+    unsigned long long parsed = 0;
+    if (number != nullptr) {
+      if (!ParseNumber(value, number->min, number->max, parsed))
+        return std::string("bad ") + number->what + " '" + value + "'";
+      if (number->intMember != nullptr) outOptions.*(number->intMember) = static_cast<int>(parsed);
+      if (number->bigMember != nullptr) outOptions.*(number->bigMember) = parsed;
     } else if (name == "--listen") {
       boost::asio::ip::make_address(value, addressError);
       if (addressError) return "bad address '" + value + "'";

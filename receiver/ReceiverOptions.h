@@ -10,9 +10,18 @@ struct ReceiverOptions {
   int port = 0;                             // 0: the system picks a free port
   std::string spoolFolder;                  // required
   std::string policyFile;                   // "" when none was given
+  std::string authFile;                     // "user:hash" lines; "" lets anyone upload
   std::string certificateFile;              // PEM chain; with keyFile, serve HTTPS; "" for HTTP
   std::string keyFile;                      // PEM private key of the certificate
   int delayMs = 0;                          // wait before each answer
+  // The TLS handshake and a connection's first request headers must arrive
+  // within this many seconds.
+  int headerTimeoutSeconds = 10;
+  // Connections of one client address that have not yet sent a request's
+  // headers; more are refused at once. 0: no limit.
+  int maxPerAddress = 16;
+  unsigned long long maxBodyBytes = 1ull << 30;  // larger bodies get 413
+  unsigned long long maxSpoolBytes = 0;          // 0: no limit; beyond it 507
   bool help = false;
 };
 

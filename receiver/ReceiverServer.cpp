@@ -16,6 +16,9 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <sstream>
 #include <optional>
 #include <thread>
 #include <type_traits>
@@ -35,16 +38,47 @@ namespace {
 
 // What every connection shares with the server.
 struct SessionContext {
-  SessionContext(const UploadHandler& inHandler, LinePrinter& inPrinter, std::chrono::milliseconds inDelay)
-      : handler(inHandler), printer(inPrinter), answerDelay(inDelay) {}
+  SessionContext(const UploadHandler& inHandler, LinePrinter& inPrinter, net::io_context& inStorage,
+                 const ReceiverOptions& inOptions)
+      : handler(inHandler),
+        printer(inPrinter),
+        storage(inStorage),
+        answerDelay(inOptions.delayMs),
+        headerTimeout(inOptions.headerTimeoutSeconds),
+        maxPerAddress(inOptions.maxPerAddress),
+        maxBodyBytes(inOptions.maxBodyBytes) {}
+
+  // Counts one more connection of inAddress that has not sent its headers;
+  // false, counting nothing, when that address is at its limit.
+  bool AdmitWaiting(const net::ip::address& inAddress) {
+    std::lock_guard<std::mutex> lock(waitingMutex);
+    int& count = waiting[inAddress];
+    if (maxPerAddress > 0 && count >= maxPerAddress) return false;
+    ++count;
+    return true;
+  }
+  void EndWaiting(const net::ip::address& inAddress) {
+    std::lock_guard<std::mutex> lock(waitingMutex);
+    auto found = waiting.find(inAddress);
+    if (found != waiting.end() && --found->second <= 0) waiting.erase(found);
+  }
 
   const UploadHandler& handler;
   LinePrinter& printer;
-  std::chrono::milliseconds answerDelay;
+  net::io_context& storage;  // writes to the spool, password checks
+  const std::chrono::milliseconds answerDelay;
+  const std::chrono::seconds headerTimeout;
+  const int maxPerAddress;
+  const unsigned long long maxBodyBytes;
   std::atomic<int> openConnections{0};
+  std::mutex waitingMutex;
+  std::map<net::ip::address, int> waiting;  // connections without headers yet, per address
 };
 
-constexpr size_t kReadChunkBytes = 64 * 1024;
+// The read buffer of a connection between requests, and the largest piece
+// of a body read at once.
+constexpr size_t kHeaderBufferBytes = 4 * 1024;
+constexpr size_t kBodyPieceBytes = 64 * 1024;
 // A client that neither answers our close_notify nor hangs up is not waited
 // for longer than this.
 constexpr std::chrono::seconds kShutdownTimeout{5};
@@ -61,24 +95,41 @@ bool IsQuietEnd(error_code inError) {
          inError == net::error::eof || inError == ssl::error::stream_truncated;
 }
 
-// One connection, plain or TLS: read a request, answer it, and again while
-// the client keeps the connection open. All its steps run on its own strand.
-// A busy session answers 503 at once and closes.
+// Runs inContext's handlers until it stops. A handler that throws (memory
+// running out, say) loses its connection, whose objects go with the
+// handler; the others are served on.
+void RunCatching(net::io_context& inContext, LinePrinter& inPrinter) {
+  for (;;) {
+    try {
+      inContext.run();
+      return;
+    } catch (const std::exception& e) {
+      inPrinter.Print(std::string("rejected status=0 reason=") + e.what());
+    }
+  }
+}
+
+// One connection, plain or TLS: read a request's headers, judge them, read
+// its body piece by piece into the spool, answer, and again while the
+// client keeps the connection open. Socket steps run on the connection's
+// strand, spool steps on the storage threads, one step at a time.
 template <class Stream>
 class Session : public std::enable_shared_from_this<Session<Stream>> {
   static constexpr bool kTls = std::is_same_v<Stream, TlsStream>;
 
  public:
+  // The connection has been counted as waiting for its headers.
   template <class... TlsContext>
-  Session(tcp::socket&& inSocket, const std::shared_ptr<SessionContext>& inContext, bool inBusy,
+  Session(tcp::socket&& inSocket, const net::ip::address& inAddress, const std::shared_ptr<SessionContext>& inContext,
           TlsContext&... inTls)
-      : mStream(std::move(inSocket), inTls...), mContext(inContext), mBusy(inBusy), mDelay(mStream.get_executor()) {
+      : mStream(std::move(inSocket), inTls...), mAddress(inAddress), mContext(inContext), mDelay(mStream.get_executor()) {
     ++mContext->openConnections;
-    // Each read asks for no more than the buffer's free room (at least 512
-    // bytes); without room to spare a 64 MiB upload takes over 100000 reads.
-    mBuffer.reserve(kReadChunkBytes);
+    mBuffer.reserve(kHeaderBufferBytes);
   }
-  ~Session() { --mContext->openConnections; }
+  ~Session() {
+    if (mWaiting) mContext->EndWaiting(mAddress);
+    --mContext->openConnections;
+  }
 
   void Start() { net::dispatch(mStream.get_executor(), beast::bind_front_handler(&Session::Handshake, Self())); }
 
@@ -86,73 +137,117 @@ class Session : public std::enable_shared_from_this<Session<Stream>> {
   std::shared_ptr<Session> Self() { return this->shared_from_this(); }
   beast::tcp_stream& Tcp() { return beast::get_lowest_layer(mStream); }
 
+  // Runs inWork on a storage thread, then inThen back on the strand.
+  template <class Work, class Then>
+  void OnStorage(Work inWork, Then inThen) {
+    net::post(mContext->storage, [self = Self(), inWork = std::move(inWork), inThen = std::move(inThen)]() mutable {
+      inWork();
+      net::post(self->mStream.get_executor(), std::move(inThen));
+    });
+  }
+
   void Handshake() {
+    // One deadline for the handshake and the first request's headers: a
+    // silent client holds its slot no longer.
+    Tcp().expires_after(mContext->headerTimeout);
     if constexpr (!kTls) {
       OnHandshake({});
     } else {
-      Tcp().expires_after(ReceiverServer::kIdleTimeout);
       mStream.async_handshake(ssl::stream_base::server, beast::bind_front_handler(&Session::OnHandshake, Self()));
     }
   }
 
   void OnHandshake(error_code inError) {
-    if (inError) {
-      if (!IsQuietEnd(inError)) mContext->printer.Print("rejected status=0 reason=TLS handshake: " + inError.message());
-      return CloseTcp();
-    }
-    if (!mBusy) return ReadHeader();
-    HandledRequest handled = UploadHandler::Reject(http::status::service_unavailable, "too many connections");
-    mContext->printer.Print(handled.line);
-    mResponse = std::move(handled.response);
-    Write();
+    if (!inError) return ReadHeader();
+    if (!IsQuietEnd(inError)) mContext->printer.Print("rejected status=0 reason=TLS handshake: " + inError.message());
+    CloseTcp();
   }
 
   void ReadHeader() {
     mParser.emplace();
-    mParser->body_limit(ReceiverServer::kMaxBodyBytes);
-    Tcp().expires_after(ReceiverServer::kIdleTimeout);
+    mParser->body_limit(mContext->maxBodyBytes);
+    if (!mWaiting) Tcp().expires_after(ReceiverServer::kIdleTimeout);
     http::async_read_header(mStream, mBuffer, *mParser, beast::bind_front_handler(&Session::OnHeader, Self()));
+  }
+
+  void OnHeader(error_code inError, size_t) {
+    if (mWaiting) {
+      mWaiting = false;
+      mContext->EndWaiting(mAddress);
+    }
+    if (inError) return OnReadError(inError);
+    OnStorage([this] { mUpload = mContext->handler.Begin(mParser->get().base(), mHandled); },
+              [self = Self()] { self->OnBegun(); });
   }
 
   // curl and other clients wait for "100 Continue" before sending a large
   // body; answering it at once spares them a second of waiting.
-  void OnHeader(error_code inError, size_t) {
-    if (inError) return OnReadError(inError);
+  void OnBegun() {
+    if (!mUpload) return Answer();
     if (!beast::iequals(mParser->get()[http::field::expect], "100-continue")) return ReadBody();
     mContinue = http::response<http::empty_body>(http::status::continue_, mParser->get().version());
+    Tcp().expires_after(ReceiverServer::kIdleTimeout);
     http::async_write(mStream, mContinue, [self = Self()](error_code inWriteError, size_t) {
       if (inWriteError) return self->Close();
       self->ReadBody();
     });
   }
 
-  void ReadBody() { http::async_read(mStream, mBuffer, *mParser, beast::bind_front_handler(&Session::OnBody, Self())); }
+  void ReadBody() {
+    if (mParser->is_done()) return Finish();
+    if (!mPiece) {
+      // A small body gets a small buffer: many connections may be reading.
+      const auto length = mParser->content_length();
+      mPieceBytes = static_cast<size_t>(std::min<unsigned long long>(kBodyPieceBytes, length ? *length : kBodyPieceBytes));
+      mPiece = std::make_unique<char[]>(std::max<size_t>(mPieceBytes, 1));
+      if (mPieceBytes > kHeaderBufferBytes) mBuffer.reserve(kBodyPieceBytes);
+    }
+    mParser->get().body().data = mPiece.get();
+    mParser->get().body().size = mPieceBytes;
+    mParser->get().body().more = true;
+    Tcp().expires_after(ReceiverServer::kIdleTimeout);
+    http::async_read_some(mStream, mBuffer, *mParser, beast::bind_front_handler(&Session::OnPiece, Self()));
+  }
 
-  void OnBody(error_code inError, size_t) {
+  void OnPiece(error_code inError, size_t) {
+    if (inError == http::error::need_buffer) inError = {};
     if (inError) return OnReadError(inError);
-    HandledRequest handled = mContext->handler.Handle(mParser->get());
-    mContext->printer.Print(handled.line);
-    Answer(std::move(handled.response));
+    const size_t read = mPieceBytes - mParser->get().body().size;
+    if (read == 0) return ReadBody();
+    auto goesOn = std::make_shared<bool>(true);
+    OnStorage([this, goesOn, read] { *goesOn = mUpload->Feed(std::string_view(mPiece.get(), read)); },
+              [self = Self(), goesOn] { *goesOn ? self->ReadBody() : self->Finish(); });
+  }
+
+  void Finish() {
+    OnStorage(
+        [this] {
+          mHandled = mUpload->Finish();
+          mUpload.reset();
+        },
+        [self = Self()] { self->Answer(); });
   }
 
   // A request that could not be read whole. A connection that just ends
   // (IsQuietEnd) is closed; anything else gets its reason, and the
   // connection is closed after it because the request's end cannot be known.
   void OnReadError(error_code inError) {
+    // The temporary file goes, on a storage thread.
+    if (mUpload) net::post(mContext->storage, [upload = std::move(mUpload)] {});
     // A TLS client that hangs up without close_notify in the middle of a
     // request is refused as a plain one is.
     if (inError == ssl::error::stream_truncated && mParser->got_some()) inError = http::error::partial_message;
     if (IsQuietEnd(inError)) return Close();
     bool tooLarge = inError == http::error::body_limit;
-    HandledRequest handled =
-        UploadHandler::Reject(tooLarge ? http::status::payload_too_large : http::status::bad_request,
-                              tooLarge ? "body limit exceeded" : inError.message());
-    mContext->printer.Print(handled.line);
-    Answer(std::move(handled.response));
+    mHandled = UploadHandler::Reject(tooLarge ? http::status::payload_too_large : http::status::bad_request,
+                                     tooLarge ? "body limit exceeded" : inError.message());
+    Answer();
   }
 
-  void Answer(HttpResponse&& inResponse) {
-    mResponse = std::move(inResponse);
+  // Prints the line of mHandled and sends its response.
+  void Answer() {
+    mContext->printer.Print(mHandled.line);
+    mPiece.reset();
     if (mContext->answerDelay.count() <= 0) return Write();
     mDelay.expires_after(mContext->answerDelay);
     mDelay.async_wait([self = Self()](error_code) { self->Write(); });
@@ -160,23 +255,42 @@ class Session : public std::enable_shared_from_this<Session<Stream>> {
 
   void Write() {
     Tcp().expires_after(ReceiverServer::kIdleTimeout);
-    http::async_write(mStream, mResponse, beast::bind_front_handler(&Session::OnWrite, Self()));
+    http::async_write(mStream, mHandled.response, beast::bind_front_handler(&Session::OnWrite, Self()));
   }
 
   void OnWrite(error_code inError, size_t) {
-    if (inError || !mResponse.keep_alive()) return Close();
+    if (inError || !mHandled.response.keep_alive()) return Close();
+    // Between requests a connection holds a small buffer only.
+    if (mBuffer.capacity() > kHeaderBufferBytes) {
+      mBuffer.shrink_to_fit();
+      mBuffer.reserve(kHeaderBufferBytes);
+    }
     ReadHeader();
   }
 
   // Over TLS a close_notify first, so that the client can tell our close
-  // from a cut connection.
+  // from a cut connection. Over plain TCP our side is shut first and what
+  // the client still sends (a body we answered early) is read and dropped
+  // for a while: closing on unread bytes resets the connection, and the
+  // reset can destroy the answer on its way.
   void Close() {
     if constexpr (!kTls) {
-      CloseTcp();
+      error_code ignored;
+      Tcp().socket().shutdown(tcp::socket::shutdown_send, ignored);
+      Tcp().expires_after(kShutdownTimeout);
+      Drain();
     } else {
       Tcp().expires_after(kShutdownTimeout);
       mStream.async_shutdown([self = Self()](error_code) { self->CloseTcp(); });
     }
+  }
+
+  void Drain() {
+    mBuffer.consume(mBuffer.size());
+    Tcp().async_read_some(mBuffer.prepare(kHeaderBufferBytes), [self = Self()](error_code inError, size_t) {
+      if (inError) return self->CloseTcp();
+      self->Drain();
+    });
   }
 
   void CloseTcp() {
@@ -186,12 +300,16 @@ class Session : public std::enable_shared_from_this<Session<Stream>> {
   }
 
   Stream mStream;
+  const net::ip::address mAddress;
   std::shared_ptr<SessionContext> mContext;
-  bool mBusy;
+  bool mWaiting = true;  // no request headers yet: counted for mAddress
   beast::flat_buffer mBuffer;
-  std::optional<http::request_parser<http::string_body>> mParser;
+  std::optional<http::request_parser<http::buffer_body>> mParser;
+  std::unique_ptr<char[]> mPiece;  // the body's bytes on their way to the spool
+  size_t mPieceBytes = 0;
+  std::unique_ptr<Upload> mUpload;
   http::response<http::empty_body> mContinue;
-  HttpResponse mResponse;
+  HandledRequest mHandled;
   net::steady_timer mDelay;
 };
 
@@ -224,8 +342,24 @@ std::unique_ptr<ssl::context> LoadCredentials(const std::string& inCertificate, 
 }  // namespace
 
 struct ReceiverServer::Impl {
-  Impl(const UploadHandler& inHandler, LinePrinter& inPrinter, std::chrono::milliseconds inDelay)
-      : context(std::make_shared<SessionContext>(inHandler, inPrinter, inDelay)) {}
+  Impl(const UploadHandler& inHandler, LinePrinter& inPrinter, const ReceiverOptions& inOptions)
+      : context(std::make_shared<SessionContext>(inHandler, inPrinter, storage, inOptions)) {}
+
+  // A connection beyond the limits is refused before anything is read: a
+  // 503 sent without waiting, over TLS nothing, and closed.
+  void Refuse(tcp::socket& ioSocket, const std::string& inReason) {
+    HandledRequest handled = UploadHandler::Reject(http::status::service_unavailable, inReason);
+    context->printer.Print(handled.line);
+    if (!tls) {
+      std::ostringstream response;
+      response << handled.response;
+      error_code ignored;
+      ioSocket.non_blocking(true, ignored);
+      ioSocket.write_some(net::buffer(response.str()), ignored);
+    }
+    error_code ignored;
+    ioSocket.close(ignored);
+  }
 
   void Accept() {
     acceptor.async_accept(net::make_strand(ioContext), [this](error_code inError, tcp::socket inSocket) {
@@ -239,17 +373,27 @@ struct ReceiverServer::Impl {
         });
         return;
       }
-      const bool busy = context->openConnections.load() >= kMaxConnections;
-      if (tls) {
-        std::make_shared<Session<TlsStream>>(std::move(inSocket), context, busy, *tls)->Start();
+      error_code peerError;
+      const net::ip::address address = inSocket.remote_endpoint(peerError).address();
+      if (peerError) {
+        // Gone before it could be served.
+      } else if (context->openConnections.load() >= kMaxConnections) {
+        Refuse(inSocket, "too many connections");
+      } else if (!context->AdmitWaiting(address)) {
+        Refuse(inSocket, "too many connections without a request from " + address.to_string());
+      } else if (tls) {
+        std::make_shared<Session<TlsStream>>(std::move(inSocket), address, context, *tls)->Start();
       } else {
-        std::make_shared<Session<PlainStream>>(std::move(inSocket), context, busy)->Start();
+        std::make_shared<Session<PlainStream>>(std::move(inSocket), address, context)->Start();
       }
       Accept();
     });
   }
 
+  // The sockets' context outlives the storage threads' one: work left
+  // there at the end holds connections, whose sockets need the former.
   net::io_context ioContext;
+  net::io_context storage;
   std::shared_ptr<SessionContext> context;
   std::unique_ptr<ssl::context> tls;  // null for plain HTTP
   tcp::acceptor acceptor{ioContext};
@@ -259,7 +403,7 @@ struct ReceiverServer::Impl {
 
 ReceiverServer::ReceiverServer(const UploadHandler& inHandler, LinePrinter& inPrinter,
                                const ReceiverOptions& inOptions)
-    : mImpl(std::make_unique<Impl>(inHandler, inPrinter, std::chrono::milliseconds(inOptions.delayMs))) {
+    : mImpl(std::make_unique<Impl>(inHandler, inPrinter, inOptions)) {
   if (!inOptions.certificateFile.empty()) mImpl->tls = LoadCredentials(inOptions.certificateFile, inOptions.keyFile);
   tcp::endpoint endpoint(net::ip::make_address(inOptions.listenAddress),
                          static_cast<unsigned short>(inOptions.port));
@@ -278,13 +422,22 @@ std::string ReceiverServer::Endpoint() const {
 }
 
 void ReceiverServer::Run() {
-  mImpl->signals.async_wait([this](error_code, int) { mImpl->ioContext.stop(); });
+  SessionContext& context = *mImpl->context;
+  auto storageWork = net::make_work_guard(mImpl->storage);
+  mImpl->signals.async_wait([this](error_code, int) {
+    mImpl->storage.stop();
+    mImpl->ioContext.stop();
+  });
   mImpl->Accept();
-  // Handling a request writes a file synchronously, so a few threads keep
-  // one slow write from holding up the other connections.
-  unsigned threadCount = std::max(4u, std::thread::hardware_concurrency());
+  // Sockets need few threads, as they never wait for the disk; the storage
+  // threads let a few slow writes go on while others are served.
+  const unsigned ioThreads = std::max(2u, std::thread::hardware_concurrency());
+  const unsigned kStorageThreads = 4;
   std::vector<std::thread> threads;
-  for (unsigned i = 1; i < threadCount; ++i) threads.emplace_back([this] { mImpl->ioContext.run(); });
-  mImpl->ioContext.run();
+  for (unsigned i = 0; i < kStorageThreads; ++i)
+    threads.emplace_back([this, &context] { RunCatching(mImpl->storage, context.printer); });
+  for (unsigned i = 1; i < ioThreads; ++i)
+    threads.emplace_back([this, &context] { RunCatching(mImpl->ioContext, context.printer); });
+  RunCatching(mImpl->ioContext, context.printer);
   for (std::thread& thread : threads) thread.join();
 }

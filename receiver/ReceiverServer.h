@@ -16,14 +16,13 @@ class UploadHandler;
 
 class ReceiverServer {
  public:
-  // Largest request body read; larger requests get 413. Big enough for log
-  // files far beyond what the agent keeps (64 MiB and more).
-  static constexpr unsigned long long kMaxBodyBytes = 1ull << 30;
-  // Connections served at once; more are answered 503 and closed. Each
-  // costs a descriptor and a 64 KiB read buffer, not a thread.
+  // Connections served at once; more are answered 503 (over TLS: closed)
+  // at once. Each costs a descriptor and a few KiB, 128 KiB while a body is
+  // read, not a thread.
   static constexpr int kMaxConnections = 1000;
-  // A connection that sends nothing for this long, or whose handshake,
-  // request or response takes longer, is closed.
+  // A connection that has sent a request's headers may then wait this long
+  // for each piece of a body, for its next request, and for a response to
+  // be taken; before its first headers the options' header time-out holds.
   static constexpr std::chrono::seconds kIdleTimeout{60};
 
   // The certificate or key of inOptions cannot be used; what() is a
@@ -35,9 +34,11 @@ class ReceiverServer {
   // Loads inOptions' certificate and key when it names them, then binds
   // inOptions.listenAddress (valid, as ParseReceiverOptions checks) and
   // inOptions.port (0: a free one) and starts listening. Answers wait
-  // inOptions.delayMs after the request has been handled. inHandler and
-  // inPrinter must outlive the server. Throws CredentialsError, or
-  // boost::system::system_error when the address cannot be bound.
+  // inOptions.delayMs after the request has been handled; the header
+  // time-out, the per-address limit and the body limit come from inOptions
+  // too. inHandler and inPrinter must outlive the server. Throws
+  // CredentialsError, or boost::system::system_error when the address cannot
+  // be bound.
   ReceiverServer(const UploadHandler& inHandler, LinePrinter& inPrinter, const ReceiverOptions& inOptions);
   ~ReceiverServer();
   ReceiverServer(const ReceiverServer&) = delete;
@@ -48,10 +49,14 @@ class ReceiverServer {
   std::string Endpoint() const;
 
   // Serves until SIGTERM or SIGINT arrives, then drops the open connections
-  // and returns. The signals are caught from construction on. A TLS
+  // and returns. The signals are caught from construction on. Sockets are
+  // served by a few threads that never touch the disk; uploads are written,
+  // placed and checked against the user file by threads of their own, so a
+  // slow disk or a large upload holds up no other connection. A TLS
   // handshake that fails (a client refusing the certificate, a plain HTTP
-  // client) is printed as "rejected status=0 reason=..." and only ends
-  // that connection.
+  // client), or a request that meets an exception such as std::bad_alloc,
+  // is printed as "rejected status=0 reason=..." and ends only that
+  // connection.
   void Run();
 
  private:

@@ -10,8 +10,6 @@ const char* const kDefaultAnswer = "Active";
 
 }  // namespace
 
-std::string LogKind(const std::string& inFileName) { return inFileName.substr(0, inFileName.find('_')); }
-
 bool ReplyPolicy::Read(const std::string& inPath) {
   // SettingsFile reads a missing file as an empty one; tell that case apart
   // first.

@@ -1,9 +1,10 @@
 // The receiver's answers: which reply text each kind of log gets.
 //
 // A policy file uses the settings file format, section "Policy": the key is
-// a kind of log, the value the reply text ("u2=Hibernate 3"); key "*" stands
-// for every kind not listed. Without a file, or for a kind matched by neither,
-// the answer is "Active". Kinds are looked up without regard to case, as the
+// a kind of log (LogKindOf), the value the reply text ("u2=Hibernate 3");
+// a line "=Hibernate 3" with no key is for the empty kind, key "*" for every
+// kind not listed. Without a file, or for a kind matched by neither, the
+// answer is "Active". Kinds are looked up without regard to case, as the
 // settings file folds key names.
 #ifndef PORVANE_RECEIVER_REPLYPOLICY_H
 #define PORVANE_RECEIVER_REPLYPOLICY_H
@@ -11,10 +12,6 @@
 #include <string>
 
 #include "SettingsFile.h"
-
-// The kind of a log file: its name up to the first "_", or the whole name
-// when it has none ("u123_20080115.log" is of kind "u123").
-std::string LogKind(const std::string& inFileName);
 
 class ReplyPolicy {
  public:

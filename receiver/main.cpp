@@ -3,6 +3,7 @@
 // then serves, on loopback unless told otherwise, until SIGTERM or SIGINT.
 #include <signal.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <boost/system/system_error.hpp>
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <system_error>
 #include <vector>
 
+#include "BasicAuth.h"
 #include "LinePrinter.h"
 #include "ReceiverOptions.h"
 #include "ReceiverServer.h"
@@ -27,9 +29,10 @@ int Fail(const std::string& inMessage, int inStatus) {
 }
 
 // Load generators open many connections at once; the usual soft limit of
-// 1024 descriptors would refuse them before kMaxConnections is reached.
+// 1024 descriptors would refuse them before kMaxConnections is reached. Each
+// connection may hold a temporary file in the spool as well.
 void AllowEnoughDescriptors() {
-  const rlim_t kWanted = ReceiverServer::kMaxConnections + 64;
+  const rlim_t kWanted = 2 * ReceiverServer::kMaxConnections + 64;
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWanted) return;
   limit.rlim_cur = std::min(kWanted, limit.rlim_max);
@@ -59,10 +62,17 @@ int main(int argc, char** argv) {
   ReplyPolicy policy;
   if (!options.policyFile.empty() && !policy.Read(options.policyFile))
     return Fail("cannot read policy file " + options.policyFile, 2);
+  BasicAuth auth;
+  if (!options.authFile.empty()) {
+    error = auth.Read(options.authFile);
+    if (!error.empty()) return Fail("bad user file: " + error, 2);
+  }
 
-  Spool spool(options.spoolFolder);
-  UploadHandler handler(spool, policy);
-  LinePrinter printer(stdout);
+  Spool spool(options.spoolFolder, options.maxSpoolBytes);
+  UploadHandler handler(spool, policy, options.authFile.empty() ? nullptr : &auth);
+  // Declared before the server, so that it outlives it: at the end it says
+  // how many lines a stalled reader missed.
+  LinePrinter printer(STDOUT_FILENO, STDERR_FILENO);
   try {
     ReceiverServer server(handler, printer, options);
     const bool tls = !options.certificateFile.empty();

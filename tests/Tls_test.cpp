@@ -48,7 +48,8 @@ TEST(AgentOverTls, DeliversOnlyToATrustedCertificateForTheHostItCalls) {
       {"good", "127.0.0.1", removed, stored}, {"", "[::1]", removed, stored}};
   for (const auto& [cert, host, outcome, line] : kCases) {
     if (host == "[::1]" && !fs::exists(home / "ipv6")) GTEST_SKIP() << "HTTPS passed; the rest needs the address ::1";
-    std::vector<std::string> args = {BuiltProgram("porvane-receiver"), "--spool", home / "spool"};
+    // A spool per case: the receiver never stores over an earlier upload.
+    std::vector<std::string> args = {BuiltProgram("porvane-receiver"), "--spool", home / ("spool-" + cert)};
     if (!cert.empty()) args.insert(args.end(), {"--cert", home / (cert + ".pem"), "--key", home / (cert + ".key")});
     if (host == "[::1]") args.insert(args.end(), {"--listen", "::1"});
     ChildProcess receiver(args, home.Environment(), home / "tmp/receiver");
