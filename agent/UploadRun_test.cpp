@@ -58,10 +58,7 @@ class UploadRunTest : public ::testing::Test {
         return inScript(inName);
       }));
     };
-    run.wait = [&](int inSeconds, const StopFlag&) {
-      mWaits.push_back(inSeconds);
-      if (mStopWhileWaiting) mStop.stopRequested = true;
-    };
+    run.wait = [&](int inSeconds, const StopFlag&) { mWaits.push_back(inSeconds); };
     return UploadLogFolder(run, mLogs);
   }
   void Log(const std::string& inName, const std::string& inContent = "x") { WriteFile(mLogs + "/" + inName, inContent); }
@@ -70,7 +67,6 @@ class UploadRunTest : public ::testing::Test {
   const std::string mLogs = mHome / "tmp", mUrl = "http://127.0.0.1:9/in";
   const Diagnostics mQuiet{false};
   StopFlag mStop;
-  bool mStopWhileWaiting = false;
   Strings mSent;
   std::vector<int> mWaits;
 };
@@ -115,8 +111,7 @@ TEST_F(UploadRunTest, PassesOverWhatItCannotSendOrRemove) {
   EXPECT_TRUE(mWaits.empty());
 }
 
-// A stop request starts no new file: an accepted file is still removed, a
-// retry wait ends the file's retries with the file kept.
+// A stop request starts no new file; an accepted file is still removed.
 TEST_F(UploadRunTest, StopsWithoutStartingAnotherFile) {
   for (const char* name : {"k_1.log", "k_2.log", "k_3.log"}) Log(name);
   EXPECT_EQ(Run([&](const std::string&) {
@@ -127,12 +122,6 @@ TEST_F(UploadRunTest, StopsWithoutStartingAnotherFile) {
   EXPECT_EQ(mSent.size(), 1u);
   EXPECT_EQ(Names(mLogs).size(), 2u);
 
-  mStop.stopRequested = false;
-  mStopWhileWaiting = true;
-  mSent.clear();
-  EXPECT_EQ(Run([](const std::string&) { return ""; }), 1);
-  EXPECT_EQ(mSent.size(), 1u);
-  EXPECT_EQ(Names(mLogs).size(), 2u);
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ bool ResourceLocker::ResourceLockerPlat::lock() {
     mLastError = mSemaphore != SEM_FAILED ? 0 : errno;  // kept for the report, not to decide
     if (mSemaphore != SEM_FAILED) return true;
     // The sleep follows every failed attempt, so even a time-out of 0 sleeps
-    // once. A signal may cut it short (EINTR); the clock still decides.
+    // once. A signal may cut it short (EINTR); the clock or the stop flag decides.
     usleep(1000);
     if (!(Microseconds() < deadline) || (mStop != nullptr && mStop->load())) return false;
   }

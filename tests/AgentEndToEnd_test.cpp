@@ -270,18 +270,16 @@ TEST_F(AgentEndToEnd, TheLockAndTheTrimComeFirstAndTheTrimIsOfTheDefaultFolder) 
   EXPECT_EQ(Names(mLogs).size(), 5u);
   // A stop request ends the wait for the lock: freed 0.1 s later, the lock
   // is not taken, nothing is trimmed or sent.
-  for (int signal : {SIGTERM, SIGINT, SIGHUP}) {
-    auto waiting = Start({"-logDir=" + other});
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    waiting->Signal(signal);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    sem_unlink("/rDYSDwOgFCbsPgPa4MYm3Q==");
-    ASSERT_TRUE(waiting->Wait());
-    EXPECT_EQ(waiting->ExitCode(), 1);
-    sem_close(held);
-    held = sem_open("/rDYSDwOgFCbsPgPa4MYm3Q==", O_CREAT | O_EXCL, 0700, 1);
-    ASSERT_NE(held, SEM_FAILED) << "the stopped agent took the lock";
-  }
+  auto waiting = Start({"-logDir=" + other});
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  waiting->Signal(SIGTERM);
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  sem_unlink("/rDYSDwOgFCbsPgPa4MYm3Q==");
+  ASSERT_TRUE(waiting->Wait());
+  EXPECT_EQ(waiting->ExitCode(), 1);
+  sem_close(held);
+  held = sem_open("/rDYSDwOgFCbsPgPa4MYm3Q==", O_CREAT | O_EXCL, 0700, 1);
+  ASSERT_NE(held, SEM_FAILED) << "the stopped agent took the lock";
   EXPECT_EQ(Names(mLogs).size(), 5u);
   EXPECT_EQ(Names(other), Strings{"k_o.log"});
   EXPECT_EQ(Run({"-noLock", "-logDir=" + other}), 0);
