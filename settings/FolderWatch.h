@@ -20,9 +20,6 @@ class FolderWatch {
   FolderWatch(const FolderWatch&) = delete;
   FolderWatch& operator=(const FolderWatch&) = delete;
 
-  // False when changes cannot be told: every listing is stale.
-  bool Available() const { return mWatching; }
-
   // Forgets every change so far: call just before listing.
   void StartListing();
 

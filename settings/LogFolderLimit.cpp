@@ -34,7 +34,7 @@ bool ListCountable(const std::string& inFolder, std::vector<LogFile>& outFiles, 
         if (inEntry.statError != 0) {
           std::cout << FileSystemUtils::GetLeafName(inEntry.path) << " " << std::strerror(inEntry.statError) << "\n"
                     << std::flush;
-        } else if (S_ISREG(inEntry.info.st_mode)) {
+        } else if (inEntry.IsRegularFile()) {
           const double size = static_cast<double>(inEntry.info.st_size);
           outFiles.push_back(LogFile{inEntry.path, size, static_cast<int64_t>(inEntry.info.st_mtim.tv_sec)});
           outTotal += size;
